@@ -1,0 +1,51 @@
+/*
+ * TCAlarm: a periodic timer firing on the loop of an event IO, and the
+ * framework's millisecond tick.
+ *
+ * Thread-affinity: the callback runs on the thread that iterates the IO's
+ * loop; Reset and Destroy may be called from any thread, including from
+ * inside the callback (the alarm's lock is recursive).
+ */
+#ifndef HARVO_FW_TCALARM_H
+#define HARVO_FW_TCALARM_H
+
+#include <glib.h>
+
+namespace Quelt {
+
+class TCEventIO;
+
+class TCAlarm {
+public:
+    TCAlarm();
+    /* Frees the lock only: an armed alarm must be destroyed first. */
+    ~TCAlarm();
+
+    /* Binds the alarm to |io|'s loop (null: the default context). */
+    bool Create(TCEventIO* io, unsigned long interval, unsigned long count);
+    /* Arms the alarm; false before Create or with a null callback. */
+    bool SetAlarmCallback(bool (*callback)(void*), void* data);
+    /* Restarts with a new interval and count; false while unarmed. */
+    bool Reset(unsigned long interval, unsigned long count);
+    void Destroy();
+
+    /* CLOCK_MONOTONIC in milliseconds, as a wrapping 32-bit value. */
+    static unsigned long GetTickCount();
+
+private:
+    static gboolean m_GSourceFunc(void* alarm);
+    void m_AttachSource();
+
+    bool (*m_pCallback)(void*);
+    void* m_pData;        // not owned
+    GRecMutex* m_pLock;   // owned
+    bool m_bCreated;
+    GMainLoop* m_pLoop;   // not owned
+    GSource* m_pSource;
+    unsigned long m_Interval;
+    unsigned long m_Count;  // QUELT_INFINITY: without limit
+};
+
+}  // namespace Quelt
+
+#endif  // HARVO_FW_TCALARM_H

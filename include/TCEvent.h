@@ -1,0 +1,92 @@
+/*
+ * Events and the interfaces of their receivers.
+ *
+ * A TCEvent names the handler that must run it; it is queued on the event
+ * IO that serves that handler and run on the thread of that IO's loop:
+ * OnEvent (unless deleted), then OnClear, where param.p is released.
+ */
+#ifndef HARVO_FW_TCEVENT_H
+#define HARVO_FW_TCEVENT_H
+
+#include <glib.h>
+
+#include "TCMessage.h"
+
+namespace Quelt {
+
+class TCHandler;
+class TCEventIO;
+
+/* The framework's own event type codes; every other value is a user event. */
+enum TCEventType {
+    EVENT_EXIT_TASK = 1,         // quit the serving IO's loop
+    EVENT_RESERVED = 2,          // never sent by the framework
+    EVENT_INTERNAL_MESSAGE = 3,  // param.p: heap TCMessage, owned by the event
+    EVENT_PING = 4,              // param.p: TCSemaphore[2], made with new[]
+    EVENT_CLEAR_ALL = 5,         // clearing it empties the serving IO's queue
+    EVENT_EXECUTE = 6,           // param.p: heap std::function<void()>
+};
+
+class TCEvent {
+public:
+    TCEvent();
+    /* Copies every field; param.p is shared, never duplicated. */
+    TCEvent(const TCEvent& other);
+    TCEvent& operator=(const TCEvent& other);
+    /* Destroys the two bodies only; never frees param.p. */
+    virtual ~TCEvent();
+
+    TCHandler* receiver;  // not owned; sending fails when null
+    int type;
+    bool deleted;
+    TCData data;
+    TCData message;
+    bool sync;  // true only while a synchronous send is in flight
+    union {
+        void* p;
+    } param;
+};
+
+/* The receiver of events. Every TCEventIO is its own handler: the handler
+ * half of an event IO, through which the sending functions find the queue. */
+class TCHandler {
+public:
+    TCHandler();
+    virtual ~TCHandler();
+
+    /* t_OnEvent, then t_OnMEvent when the first did not consume the event.
+     * A null event is a fatal assertion. */
+    bool OnEvent(const TCEvent* event);
+    /* t_Clear, then always t_ClearMEvent. A null event is fatal. */
+    void OnClear(TCEvent* event);
+
+    /* The event IO that serves this handler. */
+    TCEventIO* GetEventIO() const { return m_pEventIO; }
+
+    virtual bool t_OnEvent(const TCEvent* event) = 0;
+    virtual void t_Clear(TCEvent* event) = 0;
+    /* Second chance for events that t_OnEvent did not consume. */
+    virtual bool t_OnMEvent(const TCEvent* event);
+    virtual void t_ClearMEvent(TCEvent* event);
+
+protected:
+    TCEventIO* m_pEventIO;
+
+    friend class TCEventIO;
+};
+
+/* Anything a task can attach to its main loop. */
+class TCIOBase {
+public:
+    TCIOBase();
+    virtual ~TCIOBase();
+    virtual bool Init(GMainLoop* loop) = 0;
+    virtual void Final() = 0;
+
+protected:
+    int m_IOType;  // every event IO sets it to 10; nothing reads it
+};
+
+}  // namespace Quelt
+
+#endif  // HARVO_FW_TCEVENT_H

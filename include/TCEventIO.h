@@ -1,0 +1,87 @@
+/*
+ * TCEventIO: a cross-thread mailbox bound to one GLib main context.
+ *
+ * Any thread posts an event; the IO queues it under its recursive lock and
+ * writes one wake byte into its pipe; the loop's watch on the pipe takes
+ * one event per wake-up, so other sources of the loop interleave with a
+ * long queue, and runs the receiver's OnEvent and OnClear on the loop's
+ * thread.
+ *
+ * Thread-affinity: Init/Final on the thread that owns the loop (or before
+ * it runs); sending functions from any thread; handlers run on the loop's
+ * thread, one at a time, in queue order.
+ */
+#ifndef HARVO_FW_TCEVENTIO_H
+#define HARVO_FW_TCEVENTIO_H
+
+#include <glib.h>
+
+#include <list>
+#include <string>
+
+#include "TCEvent.h"
+#include "TCLock.h"
+
+namespace Quelt {
+
+class TCEventIO : public TCIOBase, public TCHandler {
+public:
+    explicit TCEventIO(std::string name);
+    /* Releases the lock and the list nodes; does not call Final. */
+    virtual ~TCEventIO();
+
+    /* Attaches the IO to |loop|'s context (null: the default context). */
+    virtual bool Init(GMainLoop* loop);
+    /* Detaches, closes the pipe and clears every queued event. */
+    virtual void Final();
+    /* Handles the framework's codes 1, 3, 4 and 6. */
+    virtual bool t_OnEvent(const TCEvent* event);
+    virtual bool t_Init();
+    virtual void t_Final();
+    /* Releases what codes 3, 4 and 6 carry; code 5 empties the queue. */
+    virtual void t_Clear(TCEvent* event);
+
+    /* Queues a copy at the back. */
+    static bool SendEvent(TCEvent* event);
+    /* Queues a copy at the front: it runs next. */
+    static bool SendUrgentEvent(TCEvent* event);
+    /* Queues the caller's own object and waits until it ran, at most 20
+     * seconds; reports true also when the wait expired. */
+    static bool SendSyncEvent(TCEvent* event);
+    /* Round trip through |target|'s loop within max(timeout, 2100) us. */
+    static bool Ping(TCEventIO* target, unsigned long timeout);
+
+    /* Marks queued events of |handler| (null: this IO) as deleted; returns
+     * the number marked, or -1 when the IO is not initialised. */
+    int DeleteEvent(unsigned long type, const TCHandler* handler);
+    int DeleteEvent(const TCHandler* handler);
+    /* The number of queued events, read without the lock. */
+    unsigned CountEvent();
+
+    GMainLoop* GetMainLoop() const { return m_pMainLoop; }
+    const std::string& GetName() const { return m_Name; }
+
+private:
+    bool m_Put(TCEvent* event);
+    bool m_Insert(TCEvent* event);
+    bool m_Get(TCEvent* out, TCEvent** syncOut, unsigned long timeout);
+    int m_DeleteEvent(const TCHandler* handler, bool matchType, unsigned long type);
+    static gboolean m_InterIOWatch(GIOChannel* channel, GIOCondition condition, gpointer data);
+
+    TCMutex m_Lock;  // guards m_EventList and m_FlagCreate
+    std::string m_Name;
+    std::list<TCEvent*> m_EventList;  // front runs next
+    bool m_FlagCreate;
+    GMainLoop* m_pMainLoop;  // not owned; null means the default context
+    GSource* m_pWatch;
+    GIOChannel* m_pChannel;  // held only during Init
+    int m_PipeFileDes[2];
+};
+
+bool SendEvent(TCEvent* event);
+bool SendSyncEvent(TCEvent* event);
+bool SendUrgentEvent(TCEvent* event);
+
+}  // namespace Quelt
+
+#endif  // HARVO_FW_TCEVENTIO_H

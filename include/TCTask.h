@@ -1,0 +1,56 @@
+/*
+ * TCTask: a worker thread with its own GLib main context and loop, running
+ * every IO attached to it. The task is itself an event IO; it ends on the
+ * EVENT_EXIT_TASK event that Destroy sends from another thread.
+ *
+ * Thread-affinity: Create and Destroy from another thread (typically the
+ * main thread); the loop, the IOs' Init/Final, every event of every
+ * attached IO and the t_Create/t_Main/t_Destroy hooks run on the task's
+ * thread (with initInCaller, t_AddIO, Init and t_Create run in the caller).
+ */
+#ifndef HARVO_FW_TCTASK_H
+#define HARVO_FW_TCTASK_H
+
+#include <glib.h>
+
+#include "TCEventIO.h"
+
+namespace Quelt {
+
+class TCTask : public TCEventIO {
+public:
+    explicit TCTask(const char* name);
+    /* Neither stops the thread nor frees the loop: call Destroy first. */
+    virtual ~TCTask();
+
+    /* Starts the thread; with |initInCaller| the loop and its IOs are built
+     * on the calling thread first. The third argument is ignored. */
+    bool Create(const char* name, bool initInCaller, unsigned long option);
+    /* Attaches |io| to the loop; only from t_AddIO, before the IOs are
+     * initialised. */
+    void AddIO(TCIOBase* io);
+    /* Sends EVENT_EXIT_TASK and joins the thread. Refused (logged) on the
+     * task's own thread. */
+    void Destroy();
+
+protected:
+    virtual bool t_Create();
+    virtual void t_Main();
+    virtual void t_Destroy();
+    virtual void t_AddIO();
+
+private:
+    bool m_NewThread(const char* name, unsigned long option, bool initInCaller);
+    static gpointer m_ThreadProcess(gpointer task);
+    bool m_InitMainLoop();
+    void m_Destroy();
+
+    GThread* m_pThread;
+    GList* m_pIOList;  // of TCIOBase*, attachment order, the task first
+    GMainContext* m_pContext;
+    GMainLoop* m_pLoop;
+};
+
+}  // namespace Quelt
+
+#endif  // HARVO_FW_TCTASK_H

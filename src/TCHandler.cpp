@@ -1,0 +1,142 @@
+// The lock classes (TCSemaphore, TCMutex) and QUELT_INFINITY.
+
+#include "TCLock.h"
+
+#include <cstdint>
+
+#include "QueltLog.h"
+
+namespace Quelt {
+
+const unsigned long QUELT_INFINITY = 0xFFFFFFFFUL;
+
+namespace {
+
+// Timeouts are 32-bit values on the device; on 64-bit hosts only the low
+// 32 bits count, so that QUELT_INFINITY + 1 wraps to 0 as it does there.
+inline bool IsInfinite(unsigned long timeout) {
+    return static_cast<uint32_t>(static_cast<uint32_t>(timeout) + 1u) == 0u;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// TCSemaphore
+
+TCSemaphore::TCSemaphore() : m_Count(0), m_pEventMutex(nullptr), m_pCond(nullptr) {}
+
+TCSemaphore::~TCSemaphore() {}
+
+bool TCSemaphore::Create(int initial) {
+    m_Count = initial;
+    m_pEventMutex = g_new0(GMutex, 1);
+    m_pCond = g_new0(GCond, 1);
+    if (m_pEventMutex == nullptr || m_pCond == nullptr) {
+        QLOGE("can't allocate memory");
+    }
+    if (m_pEventMutex != nullptr) g_mutex_init(m_pEventMutex);
+    if (m_pCond != nullptr) g_cond_init(m_pCond);
+    // Creation never reports failure.
+    return true;
+}
+
+void TCSemaphore::Take() {
+    g_mutex_lock(m_pEventMutex);
+    while (m_Count < 1) g_cond_wait(m_pCond, m_pEventMutex);
+    m_Count -= 1;
+    g_mutex_unlock(m_pEventMutex);
+}
+
+void TCSemaphore::Give() {
+    g_mutex_lock(m_pEventMutex);
+    m_Count += 1;
+    g_cond_signal(m_pCond);
+    g_mutex_unlock(m_pEventMutex);
+}
+
+bool TCSemaphore::Try(unsigned long timeout) {
+    if (IsInfinite(timeout)) {
+        Take();
+        return true;
+    }
+    if (m_pEventMutex == nullptr) {
+        QLOGE("m_EventMutex is NULL");
+        return false;
+    }
+    const gint64 wait_us = static_cast<uint32_t>(timeout);
+    g_mutex_lock(m_pEventMutex);
+    for (;;) {
+        if (m_Count > 0) {
+            m_Count -= 1;
+            g_mutex_unlock(m_pEventMutex);
+            return true;
+        }
+        // The deadline is taken afresh after every wake-up: a waiter that
+        // loses the unit to another thread waits a full timeout again.
+        if (!g_cond_wait_until(m_pCond, m_pEventMutex, g_get_monotonic_time() + wait_us)) {
+            g_mutex_unlock(m_pEventMutex);
+            return false;
+        }
+    }
+}
+
+void TCSemaphore::Destroy() {
+    QLOGE("");
+    g_mutex_clear(m_pEventMutex);
+    g_cond_clear(m_pCond);
+    g_free(m_pEventMutex);
+    g_free(m_pCond);
+    m_pEventMutex = nullptr;
+    m_pCond = nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// TCMutex
+
+TCMutex::TCMutex() : m_pOwner(nullptr), m_Depth(0) {}
+
+TCMutex::~TCMutex() {}
+
+bool TCMutex::Create() {
+    bool created = m_Sem.Create(1);
+    if (created) m_pOwner = nullptr;
+    return created;
+}
+
+void TCMutex::Lock() {
+    GThread* self = g_thread_self();
+    if (m_pOwner == self) {
+        m_Depth += 1;
+        return;
+    }
+    m_Sem.Take();
+    m_pOwner = self;
+    m_Depth = 1;
+}
+
+void TCMutex::Unlock() {
+    if (m_pOwner != g_thread_self()) return;  // not ours: ignored silently
+    m_Depth -= 1;
+    if (m_Depth > 0) return;
+    m_pOwner = nullptr;
+    m_Sem.Give();
+}
+
+bool TCMutex::Try(unsigned long timeout) {
+    GThread* self = g_thread_self();
+    if (m_pOwner == self) {
+        m_Depth += 1;
+        return true;
+    }
+    if (!m_Sem.Try(timeout)) return false;
+    m_pOwner = self;
+    m_Depth = 1;
+    return true;
+}
+
+void TCMutex::Destroy() {
+    // A second Destroy finds the semaphore already released.
+    if (m_Sem.m_pEventMutex != nullptr) m_Sem.Destroy();
+}
+
+}  // namespace Quelt

@@ -1,0 +1,166 @@
+// TCData (JSON body kept as text and tree) and TCMessage.
+
+#include "TCMessage.h"
+
+#include <cstring>
+#include <exception>
+#include <memory>
+
+#include "QueltLog.h"
+
+namespace Quelt {
+
+namespace {
+
+const char kTreeOnlyWarning[] = "<<WARN: JSON TYPE MESSAGE, GENERATE STRING FIRST>>";
+
+std::string WriteCompact(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";  // one line, no indentation, no line breaks
+    return Json::writeString(builder, value);
+}
+
+unsigned char* DuplicateBytes(const unsigned char* bytes, unsigned int size) {
+    unsigned char* copy = new unsigned char[size];
+    if (bytes != nullptr) {
+        std::memcpy(copy, bytes, size);
+    } else {
+        std::memset(copy, 0, size);
+    }
+    return copy;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// TCData
+
+TCData::TCData() {}
+
+TCData::TCData(const std::string& message) : m_message(message) { Parse(); }
+
+TCData::TCData(const TCData& other) : m_message(other.m_message), m_value(other.m_value) {
+    Generate();
+}
+
+TCData& TCData::operator=(const TCData& other) {
+    if (this == &other) return *this;
+    // Unlike the copy constructor: no regeneration, and the error stays.
+    m_message = other.m_message;
+    m_value = other.m_value;
+    return *this;
+}
+
+TCData::~TCData() {}
+
+bool TCData::Parse() {
+    if (!m_value.empty()) return true;
+
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    bool parsed = false;
+    const char* begin = m_message.data();
+    try {
+        // The whole text, to its length: embedded NUL bytes are the reader's
+        // business, not a terminator.
+        parsed = reader->parse(begin, begin + m_message.size(), &m_value, &errors);
+    } catch (const std::exception& e) {
+        // The reader throws on input beyond its limits (nesting depth);
+        // the framework reports that like any other parse failure.
+        parsed = false;
+        errors = e.what();
+    }
+    if (!parsed) {
+        m_value = Json::Value();
+        QLOGI("NOT JSON TYPE MESSAGE![%s]", m_message.c_str());
+    }
+    m_error = errors;
+    return parsed;
+}
+
+void TCData::Generate() {
+    if (m_value.empty()) return;
+    m_message = WriteCompact(m_value);
+}
+
+std::string TCData::GetMessage() {
+    if (!m_value.empty() && m_message.empty()) Generate();
+    return m_message;
+}
+
+std::string TCData::GetMessage() const {
+    if (!m_value.empty() && m_message.empty()) return kTreeOnlyWarning;
+    return m_message;
+}
+
+std::string TCData::GetString() const {
+    if (!m_value.empty() && m_message.empty()) return WriteCompact(m_value);
+    return m_message;
+}
+
+std::string TCData::GetError() {
+    if (!m_error.empty()) return m_error;
+    return "no error";
+}
+
+bool TCData::SetMessage(const std::string& message) {
+    // Clearing leaves a null tree, so Parse always reads the new text.
+    m_value = Json::Value();
+    m_message = message;
+    return Parse();
+}
+
+// ---------------------------------------------------------------------------
+// TCMessage
+
+TCMessage::TCMessage() : m_code(0), m_buffer(nullptr), m_size(0) {}
+
+TCMessage::TCMessage(const TCMessage& other)
+    : TCData(other), m_code(other.m_code), m_type(other.m_type), m_buffer(nullptr),
+      m_size(other.m_size) {
+    if (m_size != 0) m_buffer = DuplicateBytes(other.m_buffer, m_size);
+}
+
+TCMessage& TCMessage::operator=(const TCMessage& other) {
+    if (this == &other) return *this;
+    m_code = other.m_code;
+    m_type = other.m_type;
+    m_message = other.m_message;
+    m_value = other.m_value;
+    Generate();  // deliberately unlike TCData's assignment
+    m_size = other.m_size;
+    delete[] m_buffer;
+    m_buffer = nullptr;
+    if (m_size != 0) m_buffer = DuplicateBytes(other.m_buffer, m_size);
+    return *this;
+}
+
+TCMessage::~TCMessage() {
+    if (m_buffer != nullptr) {
+        delete[] m_buffer;
+        m_buffer = nullptr;
+        m_size = 0;
+    }
+}
+
+void TCMessage::SetBuffer(const unsigned char* buffer, unsigned int size) {
+    delete[] m_buffer;
+    m_buffer = nullptr;
+    m_size = size;
+    if (size != 0) m_buffer = DuplicateBytes(buffer, size);
+}
+
+unsigned int TCMessage::GetBuffer(unsigned char*& buffer) const {
+    buffer = m_buffer;
+    return m_size;
+}
+
+unsigned int TCMessage::CopyBuffer(unsigned char** buffer) const {
+    if (buffer == nullptr) return 0;
+    if (m_buffer == nullptr) return 0;
+    *buffer = DuplicateBytes(m_buffer, m_size);
+    return m_size;
+}
+
+}  // namespace Quelt
