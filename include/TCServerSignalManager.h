@@ -1,0 +1,83 @@
+/*
+ * TCServerSignalManager: the per-server table of signal subscriptions.
+ *
+ * It only remembers, per subscription key, which callback to run with which
+ * user data and the bus subscription id; the bus work is TCServer's.
+ * Keys are "<bus name>.<signal>" (a named sender) or "<signal>" (any sender).
+ *
+ * Thread-safety: no lock of its own. Mutations and IfSignalSubscribed are
+ * made by TCServer under the server's lock; the two look-ups run from the
+ * bus signal callback without it (the table is filled before signals come).
+ */
+#ifndef HARVO_FW_TCSERVERSIGNALMANAGER_H
+#define HARVO_FW_TCSERVERSIGNALMANAGER_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "TCMessage.h"
+
+/* The exported C message record (pelx.h). */
+struct pelx_message_s;
+
+namespace Quelt {
+
+enum TCSignalType {
+    NATIVE_SIGNAL = 0,   // callback takes a TCMessage*
+    MANAGED_SIGNAL = 1,  // callback takes a pelx_message_s*
+};
+
+typedef void (*TCNativeSignalHandler)(const char* from, const char* signalName,
+                                      TCMessage* message, void* userData);
+typedef void (*TCManagedSignalHandler)(const char* from, const char* signalName,
+                                       pelx_message_s* message, void* userData);
+
+/* The callback of a subscription; which member is valid depends on the
+ * table that holds the record. */
+union TCSignalHandler {
+    TCNativeSignalHandler native;
+    TCManagedSignalHandler managed;
+};
+
+/* One subscription; owned by the table that holds its pointer. */
+struct TCSignalInfo {
+    std::string m_signalName;  // as the subscriber gave it, without bus name
+    TCSignalHandler m_handler;  // may be null
+    void* m_userData;           // never freed here
+    unsigned int m_id;          // from g_dbus_connection_signal_subscribe
+};
+
+class TCServerSignalManager {
+public:
+    /* Empties both tables without freeing the records. */
+    void Init();
+
+    void SubscribeNativeSignal(std::string key, const char* signalName,
+                               TCNativeSignalHandler handler, void* userData, unsigned int id);
+    void SubscribeManagedSignal(std::string key, const char* signalName,
+                                TCManagedSignalHandler handler, void* userData, unsigned int id);
+
+    /* Type 1 selects the managed table, any other value the native one. */
+    bool IfSignalSubscribed(TCSignalType type, std::string key);
+
+    /* The qualified |key| wins over the plain |signalName| entry. */
+    bool GetHandlerForNativeSignal(std::string signalName, std::string key,
+                                   TCNativeSignalHandler& handler, void*& userData);
+    bool GetHandlerForManagedSignal(std::string signalName, std::string key,
+                                    TCManagedSignalHandler& handler, void*& userData);
+
+    /* Removes one subscription and hands back its bus id. */
+    bool UnsubscribeSignal(TCSignalType type, std::string key, unsigned int& id);
+    /* Removes everything; |ids| receives the native ids in key order, then
+     * the managed ones. */
+    void Destroy(std::vector<unsigned int>& ids);
+
+private:
+    std::map<std::string, TCSignalInfo*> m_NativeSignals;
+    std::map<std::string, TCSignalInfo*> m_ManagedSignals;
+};
+
+}  // namespace Quelt
+
+#endif  // HARVO_FW_TCSERVERSIGNALMANAGER_H
