@@ -23,7 +23,9 @@ struct pelx_message_s;
 
 namespace Quelt {
 
-enum TCSignalType {
+/* Only the value 1 selects the managed table; every other value, also one
+ * outside the enumerators (hence the fixed underlying type), the native. */
+enum TCSignalType : int {
     NATIVE_SIGNAL = 0,   // callback takes a TCMessage*
     MANAGED_SIGNAL = 1,  // callback takes a pelx_message_s*
 };
@@ -76,6 +78,9 @@ public:
 private:
     std::map<std::string, TCSignalInfo*> m_NativeSignals;
     std::map<std::string, TCSignalInfo*> m_ManagedSignals;
+
+    /* Tests reach the tables through this peer. */
+    friend class TCServerSignalManagerTestPeer;
 };
 
 }  // namespace Quelt

@@ -1,0 +1,160 @@
+// Bus naming and payload packing: the names an endpoint is known by on the
+// bus, and the unpacking of the "(suss)" / "(sussa(y))" payloads.
+
+#include "TCServerHelper.h"
+
+#include <unistd.h>
+
+#include <cstring>
+
+#include "QueltLog.h"
+#include "TCServer.h"
+
+namespace Quelt {
+
+namespace {
+
+// A fresh zero-terminated new[] copy of |text|; the caller delete[]s it.
+char* DuplicateText(const char* text) {
+    const size_t length = std::strlen(text);
+    char* copy = new char[length + 1];
+    std::memcpy(copy, text, length + 1);
+    return copy;
+}
+
+// Stores a copy of |text| through |out| unless the value is not wanted.
+void StoreText(char** out, const char* text) {
+    if (out != nullptr)
+        *out = DuplicateText(text);
+}
+
+// The shape of a payload without buffer.
+const char kPlainPayload[] = "(suss)";
+// The shape in which a payload with buffer arrives: the "@a*" it was built
+// with is concrete once the array is made, "a(y)".
+const char kBufferPayload[] = "(sussa(y))";
+
+}  // namespace
+
+void TCServerHelper::GetProcessName(std::string& name) {
+    char path[1024] = {0};
+    const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    if (length < 1) {
+        name = "nil";
+    } else {
+        const char* slash = std::strrchr(path, '/');
+        const char* start = (slash != nullptr) ? slash + 1 : path;
+        name.assign(start, static_cast<size_t>(path + length - start));
+    }
+    QLOGI("process name : %s,process path : %s", name.c_str(), path);
+}
+
+bool TCServerHelper::FormatDBusName(std::string& name) {
+    // Byte by byte: every byte of a multi-byte character is replaced on its
+    // own, so the length never changes.
+    bool replaced = false;
+    const size_t length = name.size();
+    for (size_t i = 0; i < length; ++i) {
+        const char c = name[i];
+        const bool legal = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
+                           (c >= 'a' && c <= 'z') || c == '_' || c == '.';
+        if (!legal) {
+            name[i] = '_';
+            replaced = true;
+        }
+    }
+    return replaced;
+}
+
+std::string TCServerHelper::GetObjectPath(std::string busName) {
+    std::string path = "." + busName;
+    for (char& c : path) {
+        if (c == '.')
+            c = '/';
+    }
+    return path;
+}
+
+bool TCServerHelper::AnalyseServerMsg(GVariant* msg, char** from, unsigned int* code, char** type,
+                                      char** message, unsigned char** buffer, unsigned int* size) {
+    if (msg == nullptr) {
+        QLOGW("%s is null", "msg");
+        return false;
+    }
+    const gchar* typeString = g_variant_get_type_string(msg);
+    QLOGI("%s", typeString);
+
+    const gchar* fromText = nullptr;
+    guint32 codeValue = 0;
+    const gchar* typeText = nullptr;
+    const gchar* messageText = nullptr;
+
+    if (std::strcmp(typeString, kPlainPayload) == 0) {
+        g_variant_get(msg, "(&su&s&s)", &fromText, &codeValue, &typeText, &messageText);
+        StoreText(from, fromText);
+        StoreText(type, typeText);
+        StoreText(message, messageText);
+        if (code != nullptr)
+            *code = codeValue;
+        return true;
+    }
+
+    if (std::strcmp(typeString, kBufferPayload) == 0) {
+        GVariant* array = nullptr;
+        g_variant_get(msg, "(&su&s&s@a*)", &fromText, &codeValue, &typeText, &messageText, &array);
+        // Each "(y)" element is one byte, so the array's data is the buffer.
+        const guchar* data = static_cast<const guchar*>(g_variant_get_data(array));
+        const gsize dataSize = g_variant_get_size(array);
+        QLOGI("get data of %s", typeString);
+        StoreText(from, fromText);
+        StoreText(type, typeText);
+        StoreText(message, messageText);
+        if (code != nullptr)
+            *code = codeValue;
+        // An empty array or the single byte 0 stands for "no buffer".
+        if (dataSize > 1 || (dataSize == 1 && data[0] != 0)) {
+            if (size != nullptr)
+                *size = static_cast<unsigned int>(dataSize);
+            if (buffer != nullptr) {
+                *buffer = new unsigned char[dataSize];
+                std::memcpy(*buffer, data, dataSize);
+            }
+        }
+        // The borrowed strings and data belong to |msg|; only the array
+        // reference taken above is ours.
+        g_variant_unref(array);
+        return true;
+    }
+
+    // Another shape: nothing is written and the caller's preset values
+    // stand.
+    return true;
+}
+
+void TCServerHelper::SetTCMessage(TCMessage* target, char* message, unsigned int code, char* type,
+                                  unsigned char* buffer, unsigned int size) {
+    if (target == nullptr) {
+        QLOGI("null reply");
+        return;
+    }
+    if (message != nullptr)
+        target->SetMessage(message);
+    target->m_code = code;
+    if (type != nullptr)
+        target->m_type = type;
+    // A zero size keeps whatever buffer the target already had.
+    if (size != 0)
+        target->SetBuffer(buffer, size);
+}
+
+std::string TCServer::m_GetDBusName(std::string name) {
+    auto found = m_CreatedDbusServers.find(name);
+    if (found != m_CreatedDbusServers.end() && found->second != nullptr) {
+        return found->second->m_busName;
+    }
+    std::string busName = name + ".message";
+    TCServerHelper::FormatDBusName(busName);
+    return busName;
+}
+
+}  // namespace Quelt

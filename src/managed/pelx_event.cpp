@@ -1,0 +1,135 @@
+// The exported record functions of the C interface: creation, release,
+// getters and setters of pelx_message_s and pelx_event_s.
+//
+// Getters and setters tolerate a null record silently; setters store what
+// they are given without copying it and without releasing the old value.
+
+#include "pelx.h"
+
+#include "TCWrapperMessageOpr.h"
+
+extern "C" {
+
+// ---------------------------------------------------------------------------
+// Messages
+
+PELX_API pelx_message_s* pelx_create_message(void) {
+    pelx_message_s* message = new pelx_message_s;
+    Quelt::InitManagedMessage(message);
+    return message;
+}
+
+PELX_API void pelx_destroy_message(pelx_message_s* message) {
+    // A null record is reported ("NULL message") by the release itself.
+    Quelt::DestroyManagedMessage(message);
+    delete message;
+}
+
+PELX_API char* pelx_get_message_info(pelx_message_s* message) {
+    return (message != nullptr) ? message->info : nullptr;
+}
+
+PELX_API unsigned int pelx_get_message_code(pelx_message_s* message) {
+    return (message != nullptr) ? message->code : 0;
+}
+
+PELX_API char* pelx_get_message_type(pelx_message_s* message) {
+    return (message != nullptr) ? message->type : nullptr;
+}
+
+PELX_API unsigned char* pelx_get_message_buffer(pelx_message_s* message) {
+    return (message != nullptr) ? message->buffer : nullptr;
+}
+
+PELX_API unsigned int pelx_get_message_buffer_size(pelx_message_s* message) {
+    return (message != nullptr) ? message->buffer_size : 0;
+}
+
+PELX_API void pelx_set_message_info(pelx_message_s* message, char* info) {
+    if (message != nullptr)
+        message->info = info;
+}
+
+PELX_API void pelx_set_message_code(pelx_message_s* message, unsigned int code) {
+    if (message != nullptr)
+        message->code = code;
+}
+
+PELX_API void pelx_set_message_type(pelx_message_s* message, char* type) {
+    if (message != nullptr)
+        message->type = type;
+}
+
+PELX_API void pelx_set_message_buffer(pelx_message_s* message, unsigned char* buffer,
+                                      unsigned int size) {
+    if (message == nullptr)
+        return;
+    message->buffer = buffer;
+    message->buffer_size = size;
+}
+
+// ---------------------------------------------------------------------------
+// Events
+
+PELX_API pelx_event_s* pelx_create_event(void* gadget) {
+    pelx_event_s* event = new pelx_event_s;
+    Quelt::InitManagedEvent(event);
+    event->gadget = gadget;
+    return event;
+}
+
+PELX_API void pelx_destroy_event(pelx_event_s* event) {
+    // gadget and param are borrowed and stay untouched; a null record is
+    // reported ("NULL event") by the release itself.
+    Quelt::DestroyManagedEvent(event);
+    delete event;
+}
+
+PELX_API int pelx_get_event_type(pelx_event_s* event) {
+    return (event != nullptr) ? event->type : 0;
+}
+
+PELX_API char* pelx_get_event_data(pelx_event_s* event) {
+    return (event != nullptr) ? event->data : nullptr;
+}
+
+PELX_API char* pelx_get_event_reply(pelx_event_s* event) {
+    return (event != nullptr) ? event->reply : nullptr;
+}
+
+PELX_API bool pelx_get_event_deleted(pelx_event_s* event) {
+    // A missing event counts as deleted.
+    return (event != nullptr) ? event->deleted : true;
+}
+
+PELX_API pelx_event_param_s* pelx_get_event_param(pelx_event_s* event) {
+    return (event != nullptr) ? &event->param : nullptr;
+}
+
+PELX_API void pelx_set_event_type(pelx_event_s* event, int type) {
+    if (event != nullptr)
+        event->type = type;
+}
+
+PELX_API void pelx_set_event_data(pelx_event_s* event, char* data) {
+    if (event != nullptr)
+        event->data = data;
+}
+
+PELX_API void pelx_set_event_reply(pelx_event_s* event, char* reply) {
+    if (event != nullptr)
+        event->reply = reply;
+}
+
+PELX_API void pelx_set_event_deleted(pelx_event_s* event, bool deleted) {
+    if (event != nullptr)
+        event->deleted = deleted;
+}
+
+PELX_API void pelx_set_event_param(pelx_event_s* event, const pelx_event_param_s* param) {
+    if (event == nullptr || param == nullptr)
+        return;
+    event->param = *param;
+}
+
+}  // extern "C"
