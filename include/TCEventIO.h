@@ -66,7 +66,13 @@ private:
     bool m_Insert(TCEvent* event);
     bool m_Get(TCEvent* out, TCEvent** syncOut, unsigned long timeout);
     int m_DeleteEvent(const TCHandler* handler, bool matchType, unsigned long type);
+    /* The EVENT_CLEAR_ALL clear step: empties the queue. */
+    void m_ClearAll();
     static gboolean m_InterIOWatch(GIOChannel* channel, GIOCondition condition, gpointer data);
+
+    /* Tests reach the queue, the pipe and the watch callback through this
+     * peer (e.g. to call the callback with null data). */
+    friend class TCEventIOTestPeer;
 
     TCMutex m_Lock;  // guards m_EventList and m_FlagCreate
     std::string m_Name;

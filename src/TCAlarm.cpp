@@ -6,16 +6,156 @@
 #include <ctime>
 
 #include "QueltLog.h"
+#include "TCEventIO.h"
+#include "TCLock.h"
 
 namespace Quelt {
+
+namespace {
+
+// Counts are 32-bit values on the device: on 64-bit hosts only the low 32
+// bits decide whether a count means "without limit".
+inline bool IsUnlimited(unsigned long count) {
+    return static_cast<uint32_t>(count) == static_cast<uint32_t>(QUELT_INFINITY);
+}
+
+// Holds the alarm's recursive lock for one scope. The lock pointer itself is
+// published and read atomically: the timeout callback must look at it on the
+// loop's thread before it can take the lock.
+class RecLocker {
+public:
+    explicit RecLocker(GRecMutex** slot)
+        : m_pLock(static_cast<GRecMutex*>(g_atomic_pointer_get(slot))) {
+        g_rec_mutex_lock(m_pLock);
+    }
+    ~RecLocker() { g_rec_mutex_unlock(m_pLock); }
+    RecLocker(const RecLocker&) = delete;
+    RecLocker& operator=(const RecLocker&) = delete;
+
+private:
+    GRecMutex* m_pLock;
+};
+
+}  // namespace
+
+TCAlarm::TCAlarm()
+    : m_pCallback(nullptr),
+      m_pData(nullptr),
+      m_pLock(nullptr),
+      m_bCreated(false),
+      m_pLoop(nullptr),
+      m_pSource(nullptr),
+      m_Interval(0),
+      m_Count(QUELT_INFINITY) {
+    GRecMutex* lock = g_new0(GRecMutex, 1);
+    g_rec_mutex_init(lock);
+    g_atomic_pointer_set(&m_pLock, lock);
+}
+
+TCAlarm::~TCAlarm() {
+    // The lock only: a timeout still attached would call back into a dead
+    // object, so an armed alarm must be destroyed before it goes away.
+    GRecMutex* lock = static_cast<GRecMutex*>(g_atomic_pointer_get(&m_pLock));
+    if (lock != nullptr) {
+        g_atomic_pointer_set(&m_pLock, nullptr);
+        g_rec_mutex_clear(lock);
+        g_free(lock);
+    }
+}
+
+bool TCAlarm::Create(TCEventIO* io, unsigned long interval, unsigned long count) {
+    RecLocker locker(&m_pLock);
+    // A second Create keeps the first binding.
+    if (!m_bCreated) {
+        m_pLoop = io != nullptr ? io->GetMainLoop() : nullptr;
+        m_Interval = interval;
+        m_Count = count;
+        m_bCreated = true;
+    }
+    return true;
+}
+
+bool TCAlarm::SetAlarmCallback(bool (*callback)(void*), void* data) {
+    RecLocker locker(&m_pLock);
+    if (!m_bCreated || callback == nullptr)
+        return false;
+    m_pCallback = callback;
+    m_pData = data;
+    // A source already running stays: arming twice runs two timeouts.
+    if (m_Interval != 0 && m_Count != 0)
+        m_AttachSource();
+    return true;
+}
+
+bool TCAlarm::Reset(unsigned long interval, unsigned long count) {
+    RecLocker locker(&m_pLock);
+    if (m_pCallback == nullptr)
+        return false;
+    if (m_pSource != nullptr) {
+        g_source_destroy(m_pSource);
+        m_pSource = nullptr;
+    }
+    m_Interval = interval;
+    m_Count = count;
+    if (m_Interval != 0 && m_Count != 0)
+        m_AttachSource();
+    return true;
+}
+
+void TCAlarm::Destroy() {
+    RecLocker locker(&m_pLock);
+    if (!m_bCreated)
+        return;
+    if (m_pSource != nullptr) {
+        g_source_destroy(m_pSource);
+        m_pSource = nullptr;
+    }
+    m_pCallback = nullptr;
+    m_pData = nullptr;
+    m_Interval = 0;
+    m_bCreated = false;
+    m_Count = QUELT_INFINITY;
+}
+
+gboolean TCAlarm::m_GSourceFunc(void* alarm) {
+    TCAlarm* self = static_cast<TCAlarm*>(alarm);
+    if (self == nullptr || g_atomic_pointer_get(&self->m_pLock) == nullptr)
+        return FALSE;
+    RecLocker locker(&self->m_pLock);
+    if (self->m_pCallback != nullptr) {
+        unsigned long left = self->m_Count;
+        if (left != 0 && !IsUnlimited(left))
+            self->m_Count = left - 1;
+        // The lock stays held while the callback runs; the callback may take
+        // it again (Reset, Destroy) because it is recursive.
+        if (left != 0 && self->m_pCallback(self->m_pData))
+            return TRUE;
+    }
+    // No callback, count used up, or the callback asked to stop: GLib drops
+    // the source, and the count reads as unlimited again.
+    self->m_pSource = nullptr;
+    self->m_Count = QUELT_INFINITY;
+    return FALSE;
+}
+
+void TCAlarm::m_AttachSource() {
+    m_pSource = g_timeout_source_new(static_cast<guint>(m_Interval));
+    g_source_set_callback(m_pSource, m_GSourceFunc, this, nullptr);
+    GMainContext* context =
+        m_pLoop != nullptr ? g_main_loop_get_context(m_pLoop) : g_main_context_default();
+    g_source_attach(m_pSource, context);
+    // The context keeps the source alive; m_pSource is only a handle to
+    // destroy it with.
+    g_source_unref(m_pSource);
+}
 
 unsigned long TCAlarm::GetTickCount() {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     // A 32-bit millisecond count that wraps after about 49.7 days; durations
     // are taken by unsigned 32-bit subtraction.
-    uint64_t ms = static_cast<uint64_t>(now.tv_sec) * 1000u +
-                  static_cast<uint64_t>(now.tv_nsec) / 1000000u;
+    uint64_t ms =
+        static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec) / 1000000u;
     return static_cast<uint32_t>(ms);
 }
 

@@ -1,6 +1,8 @@
-// The lock classes (TCSemaphore, TCMutex) and QUELT_INFINITY.
+// The lock classes (TCSemaphore, TCMutex) and QUELT_INFINITY, and the
+// defaults of the event handler interface (TCHandler).
 
 #include "TCLock.h"
+#include "TCEvent.h"
 
 #include <cstdint>
 
@@ -97,46 +99,89 @@ TCMutex::TCMutex() : m_pOwner(nullptr), m_Depth(0) {}
 
 TCMutex::~TCMutex() {}
 
+// The owner is read by every thread that locks, outside any lock: only the
+// holder can find itself there, and it is the only writer while it holds the
+// mutex. The reads and writes are atomic so that a non-holder never sees a
+// torn pointer (and race detectors agree). The depth is touched only by the
+// holder; the semaphore orders one holder's writes before the next's.
+
 bool TCMutex::Create() {
     bool created = m_Sem.Create(1);
-    if (created) m_pOwner = nullptr;
+    if (created)
+        g_atomic_pointer_set(&m_pOwner, nullptr);
     return created;
 }
 
 void TCMutex::Lock() {
     GThread* self = g_thread_self();
-    if (m_pOwner == self) {
+    if (g_atomic_pointer_get(&m_pOwner) == self) {
         m_Depth += 1;
         return;
     }
     m_Sem.Take();
-    m_pOwner = self;
+    g_atomic_pointer_set(&m_pOwner, self);
     m_Depth = 1;
 }
 
 void TCMutex::Unlock() {
-    if (m_pOwner != g_thread_self()) return;  // not ours: ignored silently
+    // Not ours: ignored silently.
+    if (g_atomic_pointer_get(&m_pOwner) != g_thread_self())
+        return;
     m_Depth -= 1;
-    if (m_Depth > 0) return;
-    m_pOwner = nullptr;
+    if (m_Depth > 0)
+        return;
+    g_atomic_pointer_set(&m_pOwner, nullptr);
     m_Sem.Give();
 }
 
 bool TCMutex::Try(unsigned long timeout) {
     GThread* self = g_thread_self();
-    if (m_pOwner == self) {
+    if (g_atomic_pointer_get(&m_pOwner) == self) {
         m_Depth += 1;
         return true;
     }
-    if (!m_Sem.Try(timeout)) return false;
-    m_pOwner = self;
+    if (!m_Sem.Try(timeout))
+        return false;
+    g_atomic_pointer_set(&m_pOwner, self);
     m_Depth = 1;
     return true;
 }
 
 void TCMutex::Destroy() {
     // A second Destroy finds the semaphore already released.
-    if (m_Sem.m_pEventMutex != nullptr) m_Sem.Destroy();
+    if (m_Sem.m_pEventMutex != nullptr)
+        m_Sem.Destroy();
 }
+
+}  // namespace Quelt
+
+// ---------------------------------------------------------------------------
+// TCHandler
+
+namespace Quelt {
+
+// A bare handler serves no queue until its owner binds it: every TCEventIO
+// points its own handler half at itself.
+TCHandler::TCHandler() : m_pEventIO(nullptr) {}
+
+TCHandler::~TCHandler() {}
+
+bool TCHandler::OnEvent(const TCEvent* event) {
+    QUELT_ASSERT(event);
+    if (t_OnEvent(event)) return true;
+    // Second chance for what the handler proper left alone.
+    return t_OnMEvent(event);
+}
+
+void TCHandler::OnClear(TCEvent* event) {
+    QUELT_ASSERT(event);
+    t_Clear(event);
+    // Always runs, so a second-chance handler can release its own payload.
+    t_ClearMEvent(event);
+}
+
+bool TCHandler::t_OnMEvent(const TCEvent* /*event*/) { return false; }
+
+void TCHandler::t_ClearMEvent(TCEvent* /*event*/) {}
 
 }  // namespace Quelt

@@ -1,0 +1,527 @@
+// TCEventIO: the event queue bound to one GLib main context.
+
+#include "TCEventIO.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+
+#include "EventPayloads.h"
+#include "QueltLog.h"
+#include "TCMessage.h"
+#include "TCServer.h"
+
+namespace Quelt {
+
+namespace {
+
+// A synchronous sender waits at most this long for the receiver (20 s).
+const unsigned long kSyncWaitUs = 20000000UL;
+// A ping waits at least this long, whatever its caller asked for.
+const unsigned long kPingMinimumUs = 2100UL;
+// The loop only tries the lock for 1 ms, so that a sender holding it never
+// blocks the loop for long; the wake byte stays and the loop comes back.
+const unsigned long kLoopLockWaitUs = 1000UL;
+// The lock wait of the EVENT_CLEAR_ALL drain.
+const unsigned long kClearAllLockWaitUs = 1000UL;
+
+// A synchronous send and a ping wait on a pair of semaphores, both with
+// count 0: the serving loop gives the first once the event ran, the waiter
+// gives the second once it has taken note. Null when creation fails.
+TCSemaphore* NewSemaphorePair() {
+    TCSemaphore* pair = new TCSemaphore[2];
+    if (!pair[0].Create(0)) {
+        delete[] pair;
+        return nullptr;
+    }
+    if (!pair[1].Create(0)) {
+        pair[0].Destroy();
+        delete[] pair;
+        return nullptr;
+    }
+    return pair;
+}
+
+void DeleteSemaphorePair(TCSemaphore* pair) {
+    pair[0].Destroy();
+    pair[1].Destroy();
+    delete[] pair;
+}
+
+// The serving loop's half of the handshake: wake the waiter, then wait
+// until it has taken note.
+void AnswerSemaphorePair(TCSemaphore* pair) {
+    pair[0].Give();
+    pair[1].Take();
+}
+
+// An endpoint name of an in-process message body ({"from":..,"dest":..});
+// empty when the body has no such text member.
+std::string ReadEndpointName(const Json::Value& body, const char* key) {
+    if (!body.isObject())
+        return std::string();
+    const Json::Value& name = body[key];
+    return name.isString() ? name.asString() : std::string();
+}
+
+// The event IO that serves |event|'s receiver.
+TCEventIO* ServingIO(const TCEvent* event) {
+    return event->receiver->GetEventIO();
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Construction
+
+TCEventIO::TCEventIO(std::string name)
+    : m_Name(name),
+      m_FlagCreate(false),
+      m_pMainLoop(nullptr),
+      m_pWatch(nullptr),
+      m_pChannel(nullptr) {
+    m_IOType = 10;
+    // Every event IO is the handler half of itself.
+    m_pEventIO = this;
+    m_PipeFileDes[0] = -1;
+    m_PipeFileDes[1] = -1;
+    if (!m_Lock.Create())
+        QUELT_ASSERT(0);
+}
+
+// Owners call Final first: the events still queued are not destroyed here.
+TCEventIO::~TCEventIO() {
+    m_Lock.Destroy();
+}
+
+// ---------------------------------------------------------------------------
+// Attaching and detaching
+
+bool TCEventIO::Init(GMainLoop* loop) {
+    QLOGI(" %s : %p", m_Name.c_str(), static_cast<void*>(loop));
+    if (m_FlagCreate)
+        return true;
+
+    m_pMainLoop = loop;
+    if (pipe(m_PipeFileDes) == -1) {
+        QLOGE("Create pipe fail!");
+        return false;
+    }
+    // The loop must never block on an empty pipe; the write end stays
+    // blocking, so a pipe full of unread bytes holds the sender back.
+    fcntl(m_PipeFileDes[0], F_SETFL, O_NONBLOCK);
+
+    m_pChannel = g_io_channel_unix_new(m_PipeFileDes[0]);
+    if (m_pChannel == nullptr) {
+        QLOGE("Create channel fail!");
+        return false;
+    }
+    GError* gErr = nullptr;
+    if (g_io_channel_set_encoding(m_pChannel, nullptr, &gErr) != G_IO_STATUS_NORMAL &&
+        gErr != nullptr) {
+        QLOGE("Read char from pipe fail,%s", gErr->message);
+        g_error_free(gErr);
+        g_io_channel_unref(m_pChannel);
+        m_pChannel = nullptr;
+        return false;
+    }
+
+    m_pWatch = g_io_create_watch(m_pChannel, G_IO_IN);
+    GMainContext* context =
+        loop != nullptr ? g_main_loop_get_context(loop) : g_main_context_default();
+    g_source_set_callback(m_pWatch, G_SOURCE_FUNC(m_InterIOWatch), static_cast<gpointer>(this),
+                          nullptr);
+    g_source_attach(m_pWatch, context);
+    // The watch holds the channel from now on.
+    g_io_channel_unref(m_pChannel);
+    m_pChannel = nullptr;
+
+    m_Lock.Lock();
+    m_FlagCreate = t_Init();
+    m_Lock.Unlock();
+
+    QLOGI("End");
+    return m_FlagCreate;
+}
+
+void TCEventIO::Final() {
+    QLOGI(" %s : %p", m_Name.c_str(), static_cast<void*>(m_pMainLoop));
+    if (!m_FlagCreate) {
+        QLOGI("already final");
+        return;
+    }
+
+    // Final runs on the loop's thread (or with the loop stopped), so the
+    // drain does not take the lock.
+    while (!m_EventList.empty()) {
+        TCEvent* event = m_EventList.front();
+        m_EventList.pop_front();
+        if (event->receiver != nullptr)
+            event->receiver->OnClear(event);
+        // A synchronous sender's own object, if still queued, goes too.
+        delete event;
+    }
+
+    if (m_pWatch != nullptr) {
+        g_source_destroy(m_pWatch);
+        g_source_unref(m_pWatch);
+        m_pWatch = nullptr;
+    }
+    // The numbers stay: a later send fails on m_FlagCreate, not on them.
+    close(m_PipeFileDes[0]);
+    close(m_PipeFileDes[1]);
+    m_FlagCreate = false;
+}
+
+bool TCEventIO::t_Init() {
+    return true;
+}
+
+void TCEventIO::t_Final() {}
+
+// ---------------------------------------------------------------------------
+// The queue
+
+bool TCEventIO::m_Put(TCEvent* event) {
+    m_Lock.Lock();
+    if (!m_FlagCreate) {
+        QLOGE("event io %s has destroyed!", m_Name.c_str());
+        m_Lock.Unlock();
+        return false;
+    }
+    QUELT_ASSERT(event != NULL);
+    QUELT_ASSERT(m_PipeFileDes[1] != -1);
+    // The byte goes in before the event: the loop takes an event under this
+    // same lock before it reads a byte, so it never sees one without the
+    // other. A pipe full of unread bytes blocks this write with the lock
+    // held, and the loop, which only tries the lock, cannot drain it then:
+    // senders must stay less than the pipe's capacity ahead of the loop.
+    QUELT_ASSERT(-1 != write(m_PipeFileDes[1], "O", 1));
+    // A synchronous sender waits for its own object; everything else is
+    // queued as a copy that the loop destroys.
+    m_EventList.push_back(event->sync ? event : new TCEvent(*event));
+    m_Lock.Unlock();
+    return true;
+}
+
+bool TCEventIO::m_Insert(TCEvent* event) {
+    m_Lock.Lock();
+    if (!m_FlagCreate) {
+        QLOGE("event io %s has destroyed!", m_Name.c_str());
+        m_Lock.Unlock();
+        return false;
+    }
+    QUELT_ASSERT(event != NULL);
+    QUELT_ASSERT(m_PipeFileDes[1] != -1);
+    QUELT_ASSERT(-1 != write(m_PipeFileDes[1], "O", 1));
+    // Always a copy, even of a synchronous event; the newest urgent event
+    // runs first.
+    m_EventList.push_front(new TCEvent(*event));
+    m_Lock.Unlock();
+    return true;
+}
+
+// |event| is the caller's out event (named so for the assertion text).
+bool TCEventIO::m_Get(TCEvent* event, TCEvent** syncOut, unsigned long timeout) {
+    QUELT_ASSERT(event != NULL);
+    if (!m_Lock.Try(timeout)) {
+        QLOGE("Try lock mutex fail!");
+        return false;
+    }
+    if (!m_FlagCreate) {
+        QLOGE("event io %s has destroyed!", m_Name.c_str());
+        // The lock stays with this thread on purpose: this path is only
+        // reached while Final runs concurrently with a wake-up.
+        return false;
+    }
+    if (m_EventList.empty()) {
+        m_Lock.Unlock();
+        return true;
+    }
+
+    TCEvent* front = m_EventList.front();
+    m_EventList.pop_front();
+    if (front->sync) {
+        *syncOut = front;  // the sender's own object: not ours to destroy
+    } else {
+        *event = *front;
+        delete front;
+    }
+    m_Lock.Unlock();
+    return true;
+}
+
+unsigned TCEventIO::CountEvent() {
+    // Read without the lock: a snapshot for statistics and tests.
+    return static_cast<unsigned>(m_EventList.size());
+}
+
+// ---------------------------------------------------------------------------
+// The loop's side
+
+gboolean TCEventIO::m_InterIOWatch(GIOChannel* channel, GIOCondition /*condition*/, gpointer data) {
+    TCEvent event;  // destroyed on every return
+    TCEvent* syncEvent = nullptr;
+    TCEventIO* pThis = static_cast<TCEventIO*>(data);
+    QUELT_ASSERT(pThis != NULL);
+
+    // One event per wake-up, so other sources of the loop interleave with a
+    // long queue. Without the lock the byte stays and we come back.
+    if (!pThis->m_Get(&event, &syncEvent, kLoopLockWaitUs))
+        return TRUE;
+
+    gchar byte = 0;
+    gsize len = 0;
+    GError* gErr = nullptr;
+    GIOStatus status = g_io_channel_read_chars(channel, &byte, 1, &len, &gErr);
+    if (status == G_IO_STATUS_ERROR || status == G_IO_STATUS_AGAIN) {
+        if (gErr != nullptr) {
+            QLOGE("Read char from pipe fail,%s", gErr->message);
+            QUELT_ASSERT(gErr == NULL);
+        }
+        // The pipe is unusable: returning FALSE makes GLib remove the watch
+        // and the IO goes deaf. The event just taken is dropped. GLib holds
+        // the source while it dispatches, so our reference can go now.
+        if (pThis->m_pWatch != nullptr)
+            g_source_unref(pThis->m_pWatch);
+        pThis->m_pWatch = nullptr;
+        return FALSE;
+    }
+    if (status == G_IO_STATUS_EOF) {
+        QLOGW("Read char from pipe to the end!");
+        return TRUE;
+    }
+    QUELT_ASSERT(len > 0);
+
+    if (syncEvent == nullptr) {
+        // A wake with nothing queued (its event was cleared away) ends here.
+        QUELT_ASSERT(event.receiver != NULL);
+        if (event.deleted) {
+            QLOGI("deleted event");
+        } else {
+            event.receiver->OnEvent(&event);
+        }
+        event.receiver->OnClear(&event);
+        return TRUE;
+    }
+
+    // The sender's own object: no deleted test and no clear step, since the
+    // sender keeps it.
+    syncEvent->receiver->OnEvent(syncEvent);
+    if (syncEvent->param.p == nullptr) {
+        QLOGE("param.p should not be NULL!");
+        return TRUE;
+    }
+    // The sender may return (and drop its event) as soon as it is woken:
+    // take the pair first and never touch the event afterwards.
+    TCSemaphore* pair = static_cast<TCSemaphore*>(syncEvent->param.p);
+    AnswerSemaphorePair(pair);
+    DeleteSemaphorePair(pair);
+    return TRUE;
+}
+
+bool TCEventIO::t_OnEvent(const TCEvent* event) {
+    if (event == nullptr)
+        return false;
+    switch (event->type) {
+        case EVENT_EXIT_TASK:
+            if (m_pMainLoop != nullptr)
+                g_main_loop_quit(m_pMainLoop);
+            return true;
+        case EVENT_INTERNAL_MESSAGE: {
+            if (event->param.p == nullptr)
+                return true;
+            QLOGI("transfer async internal event to sync message call");
+            std::string from = ReadEndpointName(event->data.m_value, "from");
+            std::string dest = ReadEndpointName(event->data.m_value, "dest");
+            // Connected to TCServer::SendMessage by the bus endpoint: the
+            // sender is found by name again, and since the destination lives
+            // in this process the message is delivered by a direct call, now
+            // on this IO's thread. The reply has nowhere to go.
+            TCMessage localReply;
+            TCServer::SendMessage(from.c_str(), dest.c_str(),
+                                  static_cast<const TCMessage*>(event->param.p), true, &localReply);
+            return true;
+        }
+        case EVENT_PING:
+            if (event->param.p != nullptr) {
+                AnswerSemaphorePair(static_cast<TCSemaphore*>(event->param.p));
+            }
+            return true;
+        case EVENT_EXECUTE: {
+            TCExecuteCallable* callable = static_cast<TCExecuteCallable*>(event->param.p);
+            if (callable == nullptr)
+                return true;
+            QLOGI("execute function in this event io");
+            if (*callable)
+                (*callable)();
+            return true;
+        }
+        default:
+            return false;
+    }
+}
+
+void TCEventIO::t_Clear(TCEvent* event) {
+    if (event == nullptr)
+        return;
+    switch (event->type) {
+        case EVENT_INTERNAL_MESSAGE:
+            QLOGI("clear message memory");
+            if (event->param.p == nullptr)
+                return;
+            delete static_cast<TCMessage*>(event->param.p);
+            event->param.p = nullptr;
+            return;
+        case EVENT_PING:
+            if (event->param.p == nullptr)
+                return;
+            // The pinger gives the second semaphore only once and the ping
+            // handler has already taken it: a successful ping leaves this
+            // loop waiting here.
+            static_cast<TCSemaphore*>(event->param.p)[1].Take();
+            DeleteSemaphorePair(static_cast<TCSemaphore*>(event->param.p));
+            event->param.p = nullptr;
+            return;
+        case EVENT_CLEAR_ALL:
+            m_ClearAll();
+            return;
+        case EVENT_EXECUTE:
+            QLOGI("clear message memory");
+            if (event->param.p == nullptr)
+                return;
+            delete static_cast<TCExecuteCallable*>(event->param.p);
+            event->param.p = nullptr;
+            return;
+        default:
+            return;
+    }
+}
+
+// Empties the queue for an EVENT_CLEAR_ALL event. The removed events' wake
+// bytes stay in the pipe.
+void TCEventIO::m_ClearAll() {
+    if (!m_Lock.Try(kClearAllLockWaitUs))
+        return;
+    while (!m_EventList.empty()) {
+        TCEvent* event = m_EventList.front();
+        m_EventList.pop_front();
+        if (event->receiver != nullptr)
+            event->receiver->OnClear(event);
+        delete event;
+    }
+    m_Lock.Unlock();
+}
+
+// ---------------------------------------------------------------------------
+// Sending
+
+bool TCEventIO::SendEvent(TCEvent* event) {
+    QUELT_ASSERT(event != NULL);
+    if (event->receiver == nullptr) {
+        QLOGE("receiver is NULL");
+        return false;
+    }
+    return ServingIO(event)->m_Put(event);
+}
+
+bool TCEventIO::SendUrgentEvent(TCEvent* event) {
+    QUELT_ASSERT(event != NULL);
+    if (event->receiver == nullptr) {
+        QLOGE("receiver is NULL");
+        return false;
+    }
+    return ServingIO(event)->m_Insert(event);
+}
+
+bool TCEventIO::SendSyncEvent(TCEvent* event) {
+    QUELT_ASSERT(event != NULL);
+    if (event->receiver == nullptr) {
+        QLOGE("receiver is NULL");
+        return false;
+    }
+    TCSemaphore* pair = NewSemaphorePair();
+    if (pair == nullptr)
+        return false;
+
+    // Synchronous events cannot carry a parameter pointer of their own.
+    event->param.p = pair;
+    event->sync = true;
+    if (!ServingIO(event)->m_Put(event)) {
+        // The pair stays with the event; nobody frees it.
+        QLOGE("SendSyncEvent fails!");
+        return false;
+    }
+    // A timed-out wait reports success as well. The serving loop frees the
+    // pair, so it is not touched after the give.
+    pair[0].Try(kSyncWaitUs);
+    pair[1].Give();
+    return true;
+}
+
+bool TCEventIO::Ping(TCEventIO* target, unsigned long timeout) {
+    if (target == nullptr)
+        return false;
+    TCSemaphore* pair = NewSemaphorePair();
+    if (pair == nullptr)
+        return false;
+
+    TCEvent ping;
+    ping.receiver = target;
+    ping.type = EVENT_PING;
+    ping.deleted = false;
+    ping.sync = false;
+    ping.param.p = pair;
+    if (!SendEvent(&ping)) {
+        DeleteSemaphorePair(pair);
+        return false;
+    }
+    bool answered = pair[0].Try(std::max(timeout, kPingMinimumUs));
+    pair[1].Give();
+    return answered;
+}
+
+// ---------------------------------------------------------------------------
+// Deleting
+
+int TCEventIO::DeleteEvent(unsigned long type, const TCHandler* handler) {
+    return m_DeleteEvent(handler, true, type);
+}
+
+int TCEventIO::DeleteEvent(const TCHandler* handler) {
+    return m_DeleteEvent(handler, false, 0);
+}
+
+int TCEventIO::m_DeleteEvent(const TCHandler* handler, bool matchType, unsigned long type) {
+    if (!m_FlagCreate) {
+        QLOGI("m_FlagCreate is false");
+        return -1;
+    }
+    if (handler == nullptr)
+        handler = this;
+
+    m_Lock.Lock();
+    size_t count = m_EventList.size();
+    m_Lock.Unlock();
+    if (count == 0)
+        return 0;
+
+    // The walk runs without the lock; marked events stay queued and are
+    // only skipped by the loop.
+    int marked = 0;
+    auto it = m_EventList.begin();
+    for (size_t i = 0; i < count && it != m_EventList.end(); ++i, ++it) {
+        TCEvent* event = *it;
+        if (event->receiver != handler)
+            continue;
+        if (matchType && event->type != static_cast<int>(type))
+            continue;
+        event->deleted = true;
+        ++marked;
+    }
+    return marked;
+}
+
+}  // namespace Quelt

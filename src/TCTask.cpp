@@ -1,0 +1,156 @@
+// TCTask: a worker thread with its own main context and loop.
+
+#include "TCTask.h"
+
+#include "QueltLog.h"
+
+namespace Quelt {
+
+TCTask::TCTask(const char* name)
+    : TCEventIO(std::string(name != nullptr ? name : "")),
+      m_pThread(nullptr),
+      m_pIOList(nullptr),
+      m_pContext(nullptr),
+      m_pLoop(nullptr) {}
+
+TCTask::~TCTask() {
+    // The thread and the loop are Destroy's and the thread's business.
+    QLOGI("");
+}
+
+bool TCTask::Create(const char* name, bool initInCaller, unsigned long option) {
+    if (!m_NewThread(name, option, initInCaller)) {
+        QLOGE("Create thread fail!");
+        return false;
+    }
+    return true;
+}
+
+void TCTask::AddIO(TCIOBase* io) {
+    // No lock: the list is only changed while the loop is being built.
+    m_pIOList = g_list_append(m_pIOList, io);
+    QLOGI("coroutine num : %d", static_cast<int>(g_list_length(m_pIOList)));
+}
+
+void TCTask::Destroy() {
+    GThread* thread = static_cast<GThread*>(g_atomic_pointer_get(&m_pThread));
+    if (thread != nullptr && thread == g_thread_self()) {
+        // Joining ourselves would never return; the task must post the exit
+        // event to its own handler instead.
+        QLOGE(
+            "Send event EVENT_EXIT_TASK to destroy when calling Destroy at the task what you want "
+            "to destroy!");
+        return;
+    }
+    if (m_pLoop != nullptr) {
+        // The task's own handler quits the loop on this event, so t_Main
+        // returns and the thread finalises its IOs itself.
+        TCEvent exitEvent;
+        exitEvent.receiver = this;
+        exitEvent.type = EVENT_EXIT_TASK;
+        exitEvent.sync = false;
+        SendEvent(&exitEvent);
+    }
+    // A task whose thread was never started has nothing to join.
+    if (thread != nullptr)
+        g_thread_join(thread);
+    g_atomic_pointer_set(&m_pThread, nullptr);
+    QLOGD("task is destroyed!");
+}
+
+bool TCTask::t_Create() {
+    return true;
+}
+
+void TCTask::t_Main() {
+    QLOGI("begin");
+    g_main_loop_run(m_pLoop);
+    QLOGI("SERVICE %p End!", static_cast<void*>(m_pLoop));
+}
+
+void TCTask::t_Destroy() {}
+
+void TCTask::t_AddIO() {}
+
+bool TCTask::m_NewThread(const char* name, unsigned long option, bool initInCaller) {
+    (void)option;  // accepted for compatibility; the thread uses GLib's defaults
+    if (initInCaller && !m_InitMainLoop()) {
+        Destroy();
+        return false;
+    }
+    GError* error = nullptr;
+    GThread* thread = g_thread_try_new(name, m_ThreadProcess, this, &error);
+    // The thread stores itself as well (m_ThreadProcess), so both writes
+    // carry the same value; atomics keep Destroy's own-thread test sound
+    // even when an event reaches the task before this line runs.
+    g_atomic_pointer_set(&m_pThread, thread);
+    if (thread == nullptr) {
+        if (error != nullptr) {
+            QLOGE("Thread created fail,%s", error->message);
+            g_error_free(error);
+        }
+        return false;
+    }
+    return true;
+}
+
+gpointer TCTask::m_ThreadProcess(gpointer task) {
+    TCTask* self = static_cast<TCTask*>(task);
+    g_atomic_pointer_set(&self->m_pThread, g_thread_self());
+    // With initInCaller the loop already exists and m_InitMainLoop returns
+    // at once.
+    if (self->m_InitMainLoop())
+        self->t_Main();
+    self->m_Destroy();
+    return nullptr;
+}
+
+bool TCTask::m_InitMainLoop() {
+    if (m_pLoop != nullptr)
+        return true;
+    if (m_pContext == nullptr)
+        m_pContext = g_main_context_new();
+    m_pLoop = g_main_loop_new(m_pContext, FALSE);
+    if (m_pLoop == nullptr) {
+        QLOGE("Failed to create the mainloop");
+        return false;
+    }
+    // The task's own queue comes first, then whatever the subclass attaches.
+    AddIO(this);
+    t_AddIO();
+    for (GList* node = m_pIOList; node != nullptr; node = node->next) {
+        QLOGI("Init IO begin");
+        if (!static_cast<TCIOBase*>(node->data)->Init(m_pLoop)) {
+            QLOGE("Init fail!");
+            return false;
+        }
+    }
+    if (!t_Create()) {
+        QLOGE("fail!");
+        return false;
+    }
+    return true;
+}
+
+void TCTask::m_Destroy() {
+    QLOGI("");
+    // Every attached IO is finalised, including those whose Init never ran.
+    for (GList* node = m_pIOList; node != nullptr; node = node->next) {
+        QLOGI("Final IO begin");
+        static_cast<TCIOBase*>(node->data)->Final();
+    }
+    g_list_free(m_pIOList);
+    m_pIOList = nullptr;
+    t_Destroy();
+    // The loop goes first: it holds a reference on the context.
+    if (m_pLoop != nullptr) {
+        g_main_loop_unref(m_pLoop);
+        m_pLoop = nullptr;
+    }
+    if (m_pContext != nullptr) {
+        g_main_context_unref(m_pContext);
+        m_pContext = nullptr;
+    }
+}
+
+}  // namespace Quelt
