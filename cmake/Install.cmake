@@ -20,7 +20,11 @@ install(FILES
     ${CMAKE_CURRENT_BINARY_DIR}/harvo-fwConfigVersion.cmake
     DESTINATION ${HARVO_CMAKE_INSTALL_DIR})
 
-configure_file(${CMAKE_CURRENT_SOURCE_DIR}/cmake/harvo-fw.pc.in
-    ${CMAKE_CURRENT_BINARY_DIR}/harvo-fw.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/harvo-fw.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+include(${CMAKE_CURRENT_LIST_DIR}/HarvoPkgConfig.cmake)
+harvo_install_pkgconfig(${CMAKE_CURRENT_SOURCE_DIR}/cmake/harvo-fw.pc.in harvo-fw)
+
+# On host builds the platform layer is installed beside the library: let
+# the library find it there without LD_LIBRARY_PATH, wherever the prefix is.
+if(HARVO_HOST_PLATFORM)
+    set_target_properties(harvo-fw PROPERTIES INSTALL_RPATH "\$ORIGIN")
+endif()

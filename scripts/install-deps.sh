@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building, testing, the demo and the
+# benchmarks of harvo-fw need. Safe to run again and again: when every
+# package is already installed it touches nothing and returns at once.
+#
+# Usage: scripts/install-deps.sh [extra-package...]
+#
+# Needs root (or sudo) only when something is missing.
+set -euo pipefail
+
+PACKAGES=(
+    # compiler, build system
+    build-essential      # g++, make, and the GCC sanitizer runtimes
+    cmake
+    ninja-build
+    pkg-config
+    binutils             # objdump (checks the library's SONAME)
+    # libraries harvo-fw is built on
+    libglib2.0-dev       # glib-2.0, gio-2.0, gthread-2.0
+    libglib2.0-bin       # gdbus command-line tool
+    libjsoncpp-dev
+    # a private D-Bus system bus for the tests and the demo
+    dbus-daemon
+    dbus-bin             # dbus-send, dbus-monitor
+    # tests and benchmarks
+    libgtest-dev
+    googletest
+    libgmock-dev
+    libbenchmark-dev
+    python3
+    # source formatting (scripts/format.sh)
+    clang-format
+)
+PACKAGES+=("$@")
+
+# A package counts as installed when dpkg reports "install ok installed".
+missing=()
+for pkg in "${PACKAGES[@]}"; do
+    status=$(dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null || true)
+    if [[ "$status" != "install ok installed" ]]; then
+        missing+=("$pkg")
+    fi
+done
+
+if [[ ${#missing[@]} -eq 0 ]]; then
+    echo "install-deps: all ${#PACKAGES[@]} packages already installed"
+    exit 0
+fi
+
+echo "install-deps: missing packages: ${missing[*]}"
+if [[ $(id -u) -ne 0 ]]; then
+    echo "install-deps: installing packages needs root; run: sudo bash $0 $*" >&2
+    exit 1
+fi
+
+export DEBIAN_FRONTEND=noninteractive
+apt-get update
+apt-get install -y --no-install-recommends "${missing[@]}"
+echo "install-deps: done"

@@ -1,0 +1,207 @@
+#!/usr/bin/env bash
+# The test command: installs the dependencies, then builds and runs the
+# test suite in three configurations:
+#
+#   1. Debug      (build/)       every test, the slow ones included
+#   2. Asan       (build-asan/)  AddressSanitizer + UndefinedBehaviorSanitizer,
+#                                every test but the slow ones
+#   3. Tsan       (build-tsan/)  ThreadSanitizer, the threaded suites
+#                                (events, tasks, alarms, locks, bus)
+#
+# Usage: scripts/test.sh [--quick] [--no-sanitizers]
+#   --quick           Debug only, slow tests skipped
+#   --no-sanitizers   Debug only, slow tests included
+#
+# Environment:
+#   HARVO_BUILD_PREFIX  directory that holds build/, build-asan/, build-tsan/
+#                       (default: the repository root)
+#   HARVO_JOBS          parallel compile jobs (default 2)
+#   HARVO_TEST_JOBS     tests run at once by ctest (default 2)
+#
+# Exits non-zero when any stage fails to build or has a failing test.
+set -uo pipefail
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$ROOT" || exit 1
+
+PREFIX=${HARVO_BUILD_PREFIX:-$ROOT}
+JOBS=${HARVO_JOBS:-2}
+TEST_JOBS=${HARVO_TEST_JOBS:-2}
+
+# Test directories whose suites exercise threads; they run under TSan.
+TSAN_DIRS=(event task alarm bus signals)
+# Single files elsewhere that do the same.
+TSAN_FILES_GLOB='tests/foundation/lock*_test.cpp'
+
+quick=0
+sanitizers=1
+for arg in "$@"; do
+    case "$arg" in
+        --quick) quick=1; sanitizers=0 ;;
+        --no-sanitizers) sanitizers=0 ;;
+        -h|--help)
+            awk 'NR > 1 && !/^#/ { exit } NR > 1 { sub(/^# ?/, ""); print }' "$0"
+            exit 0 ;;
+        *) echo "test.sh: unknown option '$arg' (try --help)" >&2; exit 2 ;;
+    esac
+done
+
+SUMMARY=()        # one line per stage
+TOTAL_PASSED=0
+TOTAL_FAILED=0
+FAILED_STAGES=()
+
+banner() {
+    echo
+    echo "=============================================================================="
+    echo "==> $*"
+    echo "=============================================================================="
+}
+
+# configure DIR BUILD_TYPE [extra cmake args...]
+configure_and_build() {
+    local dir=$1 type=$2
+    shift 2
+    local targets=()
+    if [[ ${#BUILD_TARGETS[@]} -gt 0 ]]; then
+        targets=(--target "${BUILD_TARGETS[@]}")
+    fi
+    cmake -S "$ROOT" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE="$type" "$@" &&
+        cmake --build "$dir" -j "$JOBS" "${targets[@]}"
+}
+
+# run_ctest STAGE DIR [ctest args...]: runs ctest, keeps its summary line
+# and adds its counts to the totals.
+run_ctest() {
+    local stage=$1 dir=$2
+    shift 2
+    local log="$dir/ctest-output.log"
+    ctest --test-dir "$dir" --output-on-failure --parallel "$TEST_JOBS" "$@" 2>&1 | tee "$log"
+    local rc=${PIPESTATUS[0]}
+    local line total failed
+    line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
+    if [[ -n "$line" ]]; then
+        failed=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")
+        total=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\2/' <<<"$line")
+        TOTAL_PASSED=$((TOTAL_PASSED + total - failed))
+        TOTAL_FAILED=$((TOTAL_FAILED + failed))
+        SUMMARY+=("$(printf '%-6s %s' "$stage:" "$line")")
+    elif grep -q 'No tests were found' "$log"; then
+        SUMMARY+=("$(printf '%-6s %s' "$stage:" "no tests selected")")
+    else
+        SUMMARY+=("$(printf '%-6s %s' "$stage:" "ctest did not finish (exit $rc)")")
+    fi
+    if [[ $rc -ne 0 ]]; then
+        FAILED_STAGES+=("$stage tests")
+        return 1
+    fi
+    return 0
+}
+
+# CMake target / CTest prefix of a test source: its directory below tests/
+# with "/" turned into "_", then the file name without extension.
+test_target_of() {
+    local rel=${1#tests/}
+    local dir name
+    dir=$(dirname "$rel")
+    name=$(basename "$rel")
+    name=${name%%.*}
+    if [[ "$dir" == "." ]]; then
+        echo "$name"
+    else
+        echo "${dir//\//_}_$name"
+    fi
+}
+
+start=$SECONDS
+
+banner "Dependencies (scripts/install-deps.sh)"
+if ! bash "$ROOT/scripts/install-deps.sh"; then
+    echo "test.sh: installing the dependencies failed" >&2
+    exit 1
+fi
+
+# ---------------------------------------------------------------------------
+BUILD_TARGETS=()
+debug_dir="$PREFIX/build"
+if [[ $quick -eq 1 ]]; then
+    banner "Debug build in $debug_dir, tests without the slow ones"
+else
+    banner "Debug build in $debug_dir, every test"
+fi
+if configure_and_build "$debug_dir" Debug; then
+    if [[ $quick -eq 1 ]]; then
+        run_ctest debug "$debug_dir" -LE slow
+    else
+        run_ctest debug "$debug_dir"
+    fi
+else
+    FAILED_STAGES+=("debug build")
+    SUMMARY+=("debug: build failed")
+fi
+
+if [[ $sanitizers -eq 1 ]]; then
+    # -----------------------------------------------------------------------
+    asan_dir="$PREFIX/build-asan"
+    banner "Asan (AddressSanitizer + UndefinedBehaviorSanitizer) build in $asan_dir, tests without the slow ones"
+    if configure_and_build "$asan_dir" Asan -DHARVO_BUILD_EXAMPLES=OFF; then
+        lsan_supp=""
+        if [[ -f "$ROOT/tests/lsan.supp" ]]; then
+            lsan_supp="suppressions=$ROOT/tests/lsan.supp:print_suppressions=0"
+        fi
+        ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" \
+            LSAN_OPTIONS="$lsan_supp" \
+            UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+            run_ctest asan "$asan_dir" -LE slow
+    else
+        FAILED_STAGES+=("asan build")
+        SUMMARY+=("asan:  build failed")
+    fi
+
+    # -----------------------------------------------------------------------
+    tsan_dir="$PREFIX/build-tsan"
+    # Only the library, the platform layer and the threaded suites are built.
+    BUILD_TARGETS=()
+    tsan_regex=""
+    shopt -s nullglob globstar
+    tsan_sources=()
+    for d in "${TSAN_DIRS[@]}"; do
+        tsan_sources+=(tests/"$d"/**/*_test.cpp)
+    done
+    # shellcheck disable=SC2206  # the glob is meant to expand here
+    tsan_sources+=($TSAN_FILES_GLOB)
+    shopt -u nullglob globstar
+    for src in "${tsan_sources[@]}"; do
+        target=$(test_target_of "$src")
+        BUILD_TARGETS+=("$target")
+        tsan_regex+="${tsan_regex:+|}^${target}\\."
+    done
+    banner "Tsan (ThreadSanitizer) build in $tsan_dir, threaded suites: ${BUILD_TARGETS[*]:-none yet}"
+    if [[ ${#BUILD_TARGETS[@]} -eq 0 ]]; then
+        SUMMARY+=("tsan:  no threaded suites yet")
+    else
+        tsan_opts="halt_on_error=1 second_deadlock_stack=1"
+        if [[ -f "$ROOT/tests/tsan.supp" ]]; then
+            tsan_opts="suppressions=$ROOT/tests/tsan.supp $tsan_opts"
+        fi
+        if configure_and_build "$tsan_dir" Tsan -DHARVO_BUILD_EXAMPLES=OFF; then
+            TSAN_OPTIONS="$tsan_opts" run_ctest tsan "$tsan_dir" -R "$tsan_regex"
+        else
+            FAILED_STAGES+=("tsan build")
+            SUMMARY+=("tsan:  build failed")
+        fi
+    fi
+fi
+
+# ---------------------------------------------------------------------------
+elapsed=$((SECONDS - start))
+banner "Summary ($((elapsed / 60)) min $((elapsed % 60)) s)"
+for line in "${SUMMARY[@]}"; do
+    echo "  $line"
+done
+if [[ ${#FAILED_STAGES[@]} -gt 0 ]]; then
+    echo "  FAILED: ${FAILED_STAGES[*]}"
+fi
+# Test runs over all stages (a test run in two configurations counts twice).
+echo "Total: $TOTAL_PASSED passed, $TOTAL_FAILED failed"
+[[ ${#FAILED_STAGES[@]} -eq 0 ]]
