@@ -32,7 +32,9 @@ namespace Quelt {
 
 class TCEventIO;
 
-enum TCServerType {
+/* The underlying type is fixed so that any other value (a registry entry
+ * without bus name or object) is a valid value of the type. */
+enum TCServerType : int {
     SERVER_TYPE_APP = 0,     // application or service: owns its name; one per process
     SERVER_TYPE_GADGET = 1,  // gadget: bus name prefixed with the application's name
     SERVER_TYPE_PROXY = 2,   // connection only
@@ -142,6 +144,17 @@ private:
     static void m_OnNameAcquired(GDBusConnection* connection, const gchar* name,
                                  gpointer userData);
     static void m_OnNameLost(GDBusConnection* connection, const gchar* name, gpointer userData);
+
+    /* Steps of CreateDBusServer, run under m_closeLock. */
+    bool m_Connect();
+    bool m_PrepareBusName();
+    bool m_OwnName();
+    bool m_ExportObject();
+    /* Steps of SendMessage once the in-flight count is raised. */
+    bool m_SendInProcess(TCServer* receiver, const char* dest, const TCMessage* message,
+                         bool sync, TCMessage* reply, bool& delivered);
+    bool m_SendOnBus(const char* dest, std::string busName, const TCMessage* message, bool sync,
+                     TCMessage* reply, int timeout);
 
     int m_SubscribeSignal(const char* from, const char* signalName, TCSignalType type,
                           unsigned int& id, std::string& key);

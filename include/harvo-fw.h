@@ -6,11 +6,13 @@
 
 #include "Quelt.h"
 #include "TCAlarm.h"
+#include "TCApplication.h"
 #include "TCEvent.h"
 #include "TCEventIO.h"
 #include "TCLock.h"
 #include "TCMessage.h"
 #include "TCPrint.h"
+#include "TCServer.h"
 #include "TCTask.h"
 
 #endif  // HARVO_FW_H

@@ -94,6 +94,33 @@ PELX_API void pelx_set_event_deleted(pelx_event_s* event, bool deleted);
 /* Copies *param into the event; ignored when either pointer is null. */
 PELX_API void pelx_set_event_param(pelx_event_s* event, const pelx_event_param_s* param);
 
+/* Sending and signals. |source| names one of this process's servers (the
+ * application or a gadget activity), |target| the receiving server. */
+
+/* Asynchronous send. |reply| is never written (it may be null): the answer
+ * arrives through the source server's reply hook. False for a null
+ * message. */
+PELX_API bool pelx_send_message(const char* source, const char* target, pelx_message_s* message,
+                                pelx_message_s* reply);
+/* Synchronous send. Both records are required. The reply record is
+ * rewritten in every case (also when the send failed); its old info, type
+ * and buffer are released first, and the caller owns the new ones. */
+PELX_API bool pelx_send_message_sync(const char* source, const char* target,
+                                     pelx_message_s* message, pelx_message_s* reply);
+/* Posts a copy of |event| to the event queue of its gadget. */
+PELX_API bool pelx_send_event(pelx_event_s* event);
+/* Emits |signalName| from |source|; a null message emits an empty one. */
+PELX_API bool pelx_send_signal(const char* source, const char* signalName, pelx_message_s* message);
+
+/* A signal callback; |message| lives only for the duration of the call. */
+typedef void (*pelx_signal_handler)(const char* from, const char* signalName,
+                                    pelx_message_s* message, void* userData);
+/* Subscribes |source| to |signalName| emitted by the server |from|
+ * (required). */
+PELX_API bool pelx_subscribe_signal(const char* source, const char* from, const char* signalName,
+                                    pelx_signal_handler handler, void* userData);
+PELX_API bool pelx_unsubscribe_signal(const char* source, const char* from, const char* signalName);
+
 #ifdef __cplusplus
 }
 #endif

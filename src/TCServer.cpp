@@ -1,13 +1,74 @@
-// TCServer: construction, the hooks' defaults and the process-wide
-// registry of created servers. Creating and closing on the bus follow.
+// TCServer: construction, the hooks' defaults, the process-wide registry of
+// created servers, creating and closing the endpoint on the system bus, the
+// name callbacks and the service-presence query. Message exchange lives in
+// TCServerMessage.cpp, signals in TCServerSignal.cpp.
 
 #include "TCServer.h"
 
+#include <cstdio>
+#include <vector>
+
 #include "QueltLog.h"
+#include "TCServerHelper.h"
 
 namespace Quelt {
 
 std::map<std::string, TCServer*> TCServer::m_CreatedDbusServers;
+
+namespace {
+
+// The message interface; formatted with the bus name as interface name.
+// The buffer is declared with the indefinite array type so that any array
+// passes GDBus's argument check; it carries an array of one-byte structures.
+const char kInterfaceXml[] =
+    "<node>"
+    "<interface name='%s'>"
+    "<method name='SendMessage'>"
+    "<arg type='s' name='from' direction='in'/>"
+    "<arg type='u' name='code' direction='in'/>"
+    "<arg type='s' name='type' direction='in'/>"
+    "<arg type='s' name='message' direction='in'/>"
+    "<arg type='s' name='from' direction='out'/>"
+    "<arg type='u' name='code' direction='out'/>"
+    "<arg type='s' name='type' direction='out'/>"
+    "<arg type='s' name='message' direction='out'/>"
+    "<arg type='a*' name='buffer' direction='out'/>"
+    "</method>"
+    "<method name='SendMessageWithBuffer'>"
+    "<arg type='s' name='from' direction='in'/>"
+    "<arg type='u' name='code' direction='in'/>"
+    "<arg type='s' name='type' direction='in'/>"
+    "<arg type='s' name='message' direction='in'/>"
+    "<arg type='a*' name='buffer' direction='in'/>"
+    "<arg type='s' name='from' direction='out'/>"
+    "<arg type='u' name='code' direction='out'/>"
+    "<arg type='s' name='type' direction='out'/>"
+    "<arg type='s' name='message' direction='out'/>"
+    "<arg type='a*' name='buffer' direction='out'/>"
+    "</method>"
+    "</interface>"
+    "</node>";
+
+const size_t kInterfaceXmlSize = 2048;
+
+// Allow-replacement and replace: a restarted service takes its name back
+// from a stale owner.
+const GBusNameOwnerFlags kOwnFlags = static_cast<GBusNameOwnerFlags>(
+    G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT | G_BUS_NAME_OWNER_FLAGS_REPLACE);
+
+// Holds a TCMutex for one scope.
+class ScopedLock {
+public:
+    explicit ScopedLock(TCMutex& mutex) : m_mutex(mutex) { m_mutex.Lock(); }
+    ~ScopedLock() { m_mutex.Unlock(); }
+    ScopedLock(const ScopedLock&) = delete;
+    ScopedLock& operator=(const ScopedLock&) = delete;
+
+private:
+    TCMutex& m_mutex;
+};
+
+}  // namespace
 
 TCServer::TCServer(std::string name, TCServerType type)
     : m_type(type),
@@ -24,7 +85,9 @@ TCServer::TCServer(std::string name, TCServerType type)
     m_closeLock.Create();
 }
 
-TCServer::~TCServer() { m_closeLock.Destroy(); }
+TCServer::~TCServer() {
+    m_closeLock.Destroy();
+}
 
 bool TCServer::IfHandleInEventIO(const char* /*from*/, const TCMessage* /*message*/,
                                  TCEventIO** /*eventIO*/) {
@@ -36,7 +99,9 @@ bool TCServer::IfMessageReceived(const char* /*from*/, const TCMessage* /*messag
     return false;
 }
 
-bool TCServer::IfMessageReplied(const char* /*from*/, const TCMessage* /*reply*/) { return false; }
+bool TCServer::IfMessageReplied(const char* /*from*/, const TCMessage* /*reply*/) {
+    return false;
+}
 
 TCServer* TCServer::m_GetDbusServer(const char* name) {
     if (name == nullptr) {
@@ -50,6 +115,239 @@ TCServer* TCServer::m_GetDbusServer(const char* name) {
         return nullptr;
     }
     return found->second;
+}
+
+bool TCServer::CreateDBusProxy() {
+    return CreateDBusServer();
+}
+
+void TCServer::CloseDBusProxy() {
+    CloseDBusServer();
+}
+
+bool TCServer::CreateDBusServer() {
+    ScopedLock lock(m_closeLock);
+    QLOGI("m_CreateDBus type: %d", m_type);
+    if (m_created)
+        return true;
+
+    if (!m_Connect())
+        return false;
+    if (m_type == SERVER_TYPE_PROXY) {
+        m_created = true;
+        return true;
+    }
+    if (m_type == SERVER_TYPE_APP || m_type == SERVER_TYPE_GADGET) {
+        if (!m_PrepareBusName())
+            return false;
+        if (!m_OwnName())
+            return false;
+        if (!m_ExportObject())
+            return false;
+    }
+    // Every type but the proxy is found by name from this process.
+    m_CreatedDbusServers[m_name] = this;
+    m_created = true;
+    return true;
+}
+
+bool TCServer::m_Connect() {
+    GError* error = nullptr;
+    GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+    if (connection == nullptr) {
+        QLOGE("get dbus connection fail!");
+        if (error != nullptr) {
+            QLOGE("(%s %d)", error->message, error->code);
+            g_error_free(error);
+        }
+        return false;
+    }
+    // A create after a failed one finds the connection still held: keep a
+    // single reference (the bus connection is a per-process singleton).
+    if (m_connection != nullptr)
+        g_object_unref(m_connection);
+    m_connection = connection;
+    // The process must survive the bus going away.
+    g_dbus_connection_set_exit_on_close(m_connection, FALSE);
+    QLOGI("Get dbus connection success : %p", static_cast<void*>(m_connection));
+    return true;
+}
+
+bool TCServer::m_PrepareBusName() {
+    if (m_CreatedDbusServers.find(m_name) != m_CreatedDbusServers.end()) {
+        QLOGE("%s name has been used!", m_name.c_str());
+        return false;
+    }
+    std::string appName;
+    for (const auto& entry : m_CreatedDbusServers) {
+        if (entry.second->m_type != SERVER_TYPE_APP)
+            continue;
+        if (m_type == SERVER_TYPE_APP) {
+            QLOGE("only one eflapplication/daemon service can be created in one process!");
+            return false;
+        }
+        appName = entry.first;
+        break;
+    }
+    if (m_type == SERVER_TYPE_GADGET) {
+        // A gadget's name is only unique within its host application.
+        if (appName.empty()) {
+            TCServerHelper::GetProcessName(appName);
+            QLOGW("no eflapplication/daemon found when creating ug activity, use process name : %s",
+                  appName.c_str());
+        }
+        m_busName = appName + "." + m_name + ".message";
+    }
+    QLOGD("request a dbus name : %s", m_busName.c_str());
+    if (TCServerHelper::FormatDBusName(m_busName)) {
+        QLOGW("original name has illegal character, format to %s", m_busName.c_str());
+    }
+    return true;
+}
+
+bool TCServer::m_OwnName() {
+    // Acquisition is reported later, in the callbacks, on the thread-default
+    // main context of this thread.
+    m_ownerId = g_bus_own_name_on_connection(m_connection, m_busName.c_str(), kOwnFlags,
+                                             m_OnNameAcquired, m_OnNameLost, this, nullptr);
+    if (m_ownerId == 0) {
+        QLOGE("Request bus name fail!");
+        return false;
+    }
+    QLOGI("RequestName(%s) success : %u", m_busName.c_str(), m_ownerId);
+    return true;
+}
+
+bool TCServer::m_ExportObject() {
+    m_objectPath = TCServerHelper::GetObjectPath(m_busName);
+    if (m_nodeInfo == nullptr) {
+        char xml[kInterfaceXmlSize];
+        snprintf(xml, sizeof(xml), kInterfaceXml, m_busName.c_str());
+        m_nodeInfo = g_dbus_node_info_new_for_xml(xml, nullptr);
+        if (m_nodeInfo == nullptr) {
+            QLOGE("parse interface xml fail!");
+            return false;
+        }
+    }
+    QLOGI("Register Obj Path(%s)", m_objectPath.c_str());
+    // Method calls arrive on the thread-default main context of this thread.
+    m_registrationId = g_dbus_connection_register_object(m_connection, m_objectPath.c_str(),
+                                                         m_nodeInfo->interfaces[0], &m_gVTable,
+                                                         this, nullptr, nullptr);
+    QLOGI("Get register id : %u", m_registrationId);
+    if (m_registrationId == 0) {
+        QLOGE("Register Obj Path Fail!");
+        return false;
+    }
+    return true;
+}
+
+void TCServer::CloseDBusServer() {
+    QLOGD("close %s begin", m_name.c_str());
+    ScopedLock lock(m_closeLock);
+    if (m_connection == nullptr) {
+        QLOGD("%s has closed.", m_name.c_str());
+        return;
+    }
+    // Senders raise the count only while holding the lock we now hold, so it
+    // can only fall from here on.
+    QLOGD("waiting all send message/signal finished %ud",
+          static_cast<unsigned>(g_atomic_int_get(&m_sendCount)));
+    // (GLib's C++ form of the exchange refuses a volatile operand.)
+    gint* sendCount = const_cast<gint*>(&m_sendCount);
+    while (!g_atomic_int_compare_and_exchange(sendCount, 0, 0)) {
+        // A send in flight may wait for a slow peer: let it run.
+        g_thread_yield();
+    }
+    QLOGD("all send message/signal finished");
+
+    std::vector<unsigned int> ids;
+    m_signalManager.Destroy(ids);
+    for (unsigned int id : ids)
+        g_dbus_connection_signal_unsubscribe(m_connection, id);
+
+    if (m_ownerId != 0) {
+        g_bus_unown_name(m_ownerId);
+        m_ownerId = 0;
+    }
+    if (m_registrationId != 0) {
+        g_dbus_connection_unregister_object(m_connection, m_registrationId);
+        m_registrationId = 0;
+    }
+    if (m_nodeInfo != nullptr) {
+        g_dbus_node_info_unref(m_nodeInfo);
+        m_nodeInfo = nullptr;
+    }
+    g_object_unref(m_connection);
+    m_connection = nullptr;
+    QLOGD("close connection and all close motion finished");
+
+    if (m_type != SERVER_TYPE_PROXY) {
+        // Only our own entry: a server whose create failed because its name
+        // was taken must not remove the server that holds the name.
+        auto found = m_CreatedDbusServers.find(m_name);
+        if (found != m_CreatedDbusServers.end() && found->second == this) {
+            m_CreatedDbusServers.erase(found);
+        }
+    }
+    m_created = false;
+}
+
+void TCServer::m_OnNameAcquired(GDBusConnection* /*connection*/, const gchar* /*name*/,
+                                gpointer userData) {
+    QLOGI("");
+    TCServer* server = static_cast<TCServer*>(userData);
+    if (server == nullptr) {
+        QLOGW("%s is null", "pThis");
+        return;
+    }
+    if (server->m_type == SERVER_TYPE_PROXY)
+        return;
+    // Announce the endpoint to everyone who waits for it.
+    TCMessage announcement;
+    announcement.m_value["service_name"] = server->m_name;
+    server->SendSignal("service_start_default", &announcement);
+}
+
+void TCServer::m_OnNameLost(GDBusConnection* /*connection*/, const gchar* /*name*/,
+                            gpointer userData) {
+    QLOGI("");
+    if (userData == nullptr) {
+        QLOGW("%s is null", "pThis");
+    }
+    // A lost name is neither retried nor reported further.
+}
+
+bool TCServer::IsServiceAvailable(const char* serviceName) {
+    if (serviceName == nullptr) {
+        QLOGW("%s is null", "serviceName");
+        return false;
+    }
+    if (m_connection == nullptr || g_dbus_connection_is_closed(m_connection)) {
+        QLOGE("dbus connection is not open");
+        return false;
+    }
+    // Application and service names only: a gadget's real bus name carries
+    // its application's prefix.
+    std::string busName = std::string(serviceName) + ".message";
+    TCServerHelper::FormatDBusName(busName);
+
+    GError* error = nullptr;
+    GVariant* result = g_dbus_connection_call_sync(
+        m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "NameHasOwner", g_variant_new("(s)", busName.c_str()), G_VARIANT_TYPE("(b)"),
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+    if (result == nullptr) {
+        if (error != nullptr) {
+            QLOGE("sync call fail (%s, %d)", error->message, error->code);
+            g_error_free(error);
+        }
+        return false;
+    }
+    gboolean owned = FALSE;
+    g_variant_get(result, "(b)", &owned);
+    g_variant_unref(result);
+    return owned != FALSE;
 }
 
 }  // namespace Quelt

@@ -1,11 +1,15 @@
-// The exported record functions of the C interface: creation, release,
-// getters and setters of pelx_message_s and pelx_event_s.
+// The exported functions of the C interface: creation, release, getters
+// and setters of pelx_message_s and pelx_event_s, and sending messages,
+// events and signals by server name.
 //
 // Getters and setters tolerate a null record silently; setters store what
 // they are given without copying it and without releasing the old value.
 
 #include "pelx.h"
 
+#include "QueltLog.h"
+#include "TCEventIO.h"
+#include "TCServer.h"
 #include "TCWrapperMessageOpr.h"
 
 extern "C" {
@@ -130,6 +134,72 @@ PELX_API void pelx_set_event_param(pelx_event_s* event, const pelx_event_param_s
     if (event == nullptr || param == nullptr)
         return;
     event->param = *param;
+}
+
+// ---------------------------------------------------------------------------
+// Sending and signals. Each function turns the records into stack-local
+// framework objects and calls the framework's operation by server name.
+
+PELX_API bool pelx_send_message(const char* source, const char* target, pelx_message_s* message,
+                                pelx_message_s* reply) {
+    if (message == nullptr) {
+        QLOGE("null message");
+        return false;
+    }
+    Quelt::TCMessage local;
+    Quelt::ConvertToMessage(message, &local);
+    if (reply == nullptr)
+        return Quelt::TCServer::SendMessage(source, target, &local, false, nullptr);
+    // An asynchronous send never writes the caller's reply record: answers
+    // come back through the server's reply hook. The local reply is dropped.
+    Quelt::TCMessage localReply;
+    return Quelt::TCServer::SendMessage(source, target, &local, false, &localReply);
+}
+
+PELX_API bool pelx_send_message_sync(const char* source, const char* target,
+                                     pelx_message_s* message, pelx_message_s* reply) {
+    if (message == nullptr || reply == nullptr) {
+        QLOGW("You couldn't call SendMessage with no message or reply synchronically");
+        return false;
+    }
+    Quelt::TCMessage localMessage;
+    Quelt::TCMessage localReply;
+    Quelt::ConvertToMessage(message, &localMessage);
+    Quelt::ConvertToMessage(reply, &localReply);
+    bool sent = Quelt::TCServer::SendMessage(source, target, &localMessage, true, &localReply);
+    // Also after a failure: the record then holds what the local reply held.
+    // The caller owns the new members.
+    Quelt::ConvertToManagedMessage(&localReply, reply);
+    return sent;
+}
+
+PELX_API bool pelx_send_event(pelx_event_s* event) {
+    if (event == nullptr) {
+        QLOGE("null event");
+        return false;
+    }
+    Quelt::TCEvent local;
+    Quelt::ConvertToEvent(event, &local);
+    return Quelt::TCEventIO::SendEvent(&local);
+}
+
+PELX_API bool pelx_send_signal(const char* source, const char* signalName,
+                               pelx_message_s* message) {
+    if (message == nullptr)
+        return Quelt::TCServer::SendSignal(source, signalName, nullptr);
+    Quelt::TCMessage local;
+    Quelt::ConvertToMessage(message, &local);
+    return Quelt::TCServer::SendSignal(source, signalName, &local);
+}
+
+PELX_API bool pelx_subscribe_signal(const char* source, const char* from, const char* signalName,
+                                    pelx_signal_handler handler, void* userData) {
+    return Quelt::TCServer::SubscribeManagedSignal(source, from, signalName, handler, userData);
+}
+
+PELX_API bool pelx_unsubscribe_signal(const char* source, const char* from,
+                                      const char* signalName) {
+    return Quelt::TCServer::UnSubscribeManagedSignal(source, from, signalName);
 }
 
 }  // extern "C"

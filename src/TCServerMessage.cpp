@@ -1,0 +1,365 @@
+// TCServer: request/reply messages between endpoints.
+//
+// Endpoints of this process are reached directly (a synchronous send calls
+// the receiver's handler on the caller's thread, an asynchronous one is
+// posted to the receiver's event IO); all others through the methods
+// "SendMessage" and "SendMessageWithBuffer" of their bus object.
+
+#include <string>
+
+#include "EventPayloads.h"
+#include "QueltLog.h"
+#include "TCEventIO.h"
+#include "TCServer.h"
+#include "TCServerHelper.h"
+
+namespace Quelt {
+
+const GDBusInterfaceVTable TCServer::m_gVTable = {m_DObjectHandler, nullptr, nullptr, {nullptr}};
+
+namespace {
+
+// The body of the reply that a failed receive answers with.
+const char kErrorReply[] = "{\"dbus_result\":\"fail\",\"errmsg\":\"error handling\"}";
+
+// A reply without buffer carries this single byte, which readers take for
+// "no buffer".
+const unsigned char kNoBuffer[1] = {0};
+
+// Wraps |size| bytes as an array of one-byte structures, without copying:
+// the bytes must outlive every use of the value, which GDBus serialises
+// before the sending call returns.
+GVariant* NewBufferValue(const unsigned char* bytes, unsigned int size) {
+    return g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), bytes, size, TRUE, nullptr, nullptr);
+}
+
+// The five-field reply; a message without bytes gets the single zero byte.
+GVariant* NewReplyValue(const char* from, unsigned int code, const char* type, const char* message,
+                        const unsigned char* buffer, unsigned int size) {
+    if (buffer == nullptr || size == 0) {
+        buffer = kNoBuffer;
+        size = sizeof(kNoBuffer);
+    }
+    return g_variant_new("(suss@a*)", from, code, type, message, NewBufferValue(buffer, size));
+}
+
+void ReturnErrorReply(GDBusMethodInvocation* invocation) {
+    g_dbus_method_invocation_return_value(invocation,
+                                          NewReplyValue("", 0, "", kErrorReply, nullptr, 0));
+}
+
+const char* OrNull(const char* text) {
+    return text != nullptr ? text : "null";
+}
+
+// Whether a reply body says that the remote handler failed. The subscript
+// is the non-const one: it leaves a null "dbus_result" in an object that had
+// none. Bodies that are not objects cannot carry the member.
+bool ReportsFailure(TCMessage* reply) {
+    Json::Value& tree = reply->m_value;
+    if (!tree.isObject() && !tree.isNull())
+        return false;
+    const Json::Value& result = tree["dbus_result"];
+    return result.isString() && result.asString() == "fail";
+}
+
+}  // namespace
+
+bool TCServer::SendMessage(const char* source, const char* dest, const TCMessage* message,
+                           bool sync, TCMessage* reply) {
+    TCServer* server = m_GetDbusServer(source);
+    if (server == nullptr) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    return server->SendMessage(dest, message, sync, reply, -1);
+}
+
+bool TCServer::SendMessage(const char* dest, const TCMessage* message, bool sync, TCMessage* reply,
+                           int timeout) {
+    QLOGI("");
+    if (message == nullptr) {
+        QLOGW("%s is null", "message");
+        return false;
+    }
+    if (sync && reply == nullptr) {
+        QLOGW("You couldn't call SendMessage with no reply (== NULL) synchronically");
+        return false;
+    }
+    if (dest == nullptr || dest[0] == '\0') {
+        QLOGE("No dest information");
+        return false;
+    }
+    // Only a create or a close holds the lock for long: a sender that cannot
+    // have it within 1 ms is looking at a closing server.
+    if (!m_closeLock.Try(1000)) {
+        QLOGE("Server is going to be closed!");
+        return false;
+    }
+    g_atomic_int_inc(&m_sendCount);
+    m_closeLock.Unlock();
+
+    std::string busName = std::string(dest) + ".message";
+    bool result = false;
+    bool delivered = false;
+    auto found = m_CreatedDbusServers.find(dest);
+    if (found != m_CreatedDbusServers.end()) {
+        TCServer* receiver = found->second;
+        result = m_SendInProcess(receiver, dest, message, sync, reply, delivered);
+        busName = receiver->m_busName;
+    }
+    if (!delivered)
+        result = m_SendOnBus(dest, busName, message, sync, reply, timeout);
+
+    g_atomic_int_add(&m_sendCount, -1);
+    return result;
+}
+
+bool TCServer::m_SendInProcess(TCServer* receiver, const char* dest, const TCMessage* message,
+                               bool sync, TCMessage* reply, bool& delivered) {
+    delivered = false;
+    if (sync) {
+        QLOGI("send sync message in one process");
+        TCMessage copy(*message);
+        receiver->IfMessageReceived(m_name.c_str(), &copy, reply, nullptr);
+        reply->Generate();
+        delivered = true;
+        return true;
+    }
+    // With a reply object the reply must come back through IfMessageReplied,
+    // which only the bus provides.
+    if (reply != nullptr)
+        return false;
+
+    QLOGI("send async message in one process");
+    TCEventIO* eventIO = dynamic_cast<TCEventIO*>(receiver);
+    if (eventIO == nullptr)
+        return false;
+
+    QLOGI("send internal event");
+    TCEvent event;
+    event.receiver = eventIO;
+    event.type = EVENT_INTERNAL_MESSAGE;
+    event.data.m_value["from"] = m_name;
+    event.data.m_value["dest"] = dest;
+    event.data.Generate();
+    // Owned by the event from here on; its clear step deletes it.
+    TCMessage* carried = new TCMessage(*message);
+    event.param.p = carried;
+    if (TCEventIO::SendEvent(&event)) {
+        QLOGI("send internal event sucess");
+        delivered = true;
+        return true;
+    }
+    QLOGI("send internal event fail, use dbus aysnc message call");
+    delete carried;
+    return false;
+}
+
+bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessage* message,
+                           bool sync, TCMessage* reply, int timeout) {
+    QLOGI("send message to %s, sync : %s, reply : %p ", dest, sync ? "true" : "false",
+          static_cast<void*>(reply));
+    if (m_connection == nullptr || g_dbus_connection_is_closed(m_connection)) {
+        QLOGE("dbus connection is not open");
+        return false;
+    }
+    TCServerHelper::FormatDBusName(busName);
+    const std::string objectPath = TCServerHelper::GetObjectPath(busName);
+    const std::string& interfaceName = busName;
+
+    // The copy is non-const so that a tree-only body is serialised; it owns
+    // the bytes the payload borrows until the call below has returned.
+    TCMessage copy(*message);
+    const std::string text = copy.GetMessage();
+    unsigned char* buffer = nullptr;
+    const unsigned int size = copy.GetBuffer(buffer);
+
+    QLOGI("prepare GVariant");
+    GVariant* payload = nullptr;
+    const char* method = nullptr;
+    if (buffer != nullptr && size != 0) {
+        payload = g_variant_new("(suss@a*)", m_name.c_str(), copy.m_code, copy.m_type.c_str(),
+                                text.c_str(), NewBufferValue(buffer, size));
+        method = "SendMessageWithBuffer";
+    } else {
+        payload =
+            g_variant_new("(suss)", m_name.c_str(), copy.m_code, copy.m_type.c_str(), text.c_str());
+        method = "SendMessage";
+    }
+    QLOGI("from[%s] to [%s] [%s]", m_name.c_str(), busName.c_str(), text.c_str());
+    // Our own reference: GDBus takes its own when it accepts the payload,
+    // and a call it refuses (a name it finds invalid) must not leak it.
+    g_variant_ref_sink(payload);
+
+    bool result = false;
+    if (sync) {
+        GError* error = nullptr;
+        GVariant* answer = g_dbus_connection_call_sync(
+            m_connection, busName.c_str(), objectPath.c_str(), interfaceName.c_str(), method,
+            payload, nullptr, G_DBUS_CALL_FLAGS_NONE, timeout, nullptr, &error);
+        if (answer != nullptr) {
+            unsigned int code = 0;
+            char* type = nullptr;
+            char* body = nullptr;
+            unsigned char* bytes = nullptr;
+            unsigned int count = 0;
+            TCServerHelper::AnalyseServerMsg(answer, nullptr, &code, &type, &body, &bytes, &count);
+            TCServerHelper::SetTCMessage(reply, body, code, type, bytes, count);
+            delete[] type;
+            delete[] body;
+            delete[] bytes;
+            g_variant_unref(answer);
+            result = true;
+            // The remote handler's failure shows only in the reply body.
+            if (reply->Parse() && ReportsFailure(reply)) {
+                QLOGE("send sync message fail: %s", reply->m_message.c_str());
+                result = false;
+            }
+        } else if (error != nullptr) {
+            QLOGE("Fail to invoking sync message call(%s %d)", error->message, error->code);
+            g_error_free(error);
+        }
+    } else {
+        // The reply object is not filled asynchronously: the reply goes to
+        // IfMessageReplied, on this thread's default main context.
+        if (reply != nullptr) {
+            g_dbus_connection_call(m_connection, busName.c_str(), objectPath.c_str(),
+                                   interfaceName.c_str(), method, payload, nullptr,
+                                   G_DBUS_CALL_FLAGS_NONE, -1, nullptr, m_PendingCallNotify, this);
+        } else {
+            g_dbus_connection_call(m_connection, busName.c_str(), objectPath.c_str(),
+                                   interfaceName.c_str(), method, payload, nullptr,
+                                   G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
+        }
+        result = true;
+    }
+    g_variant_unref(payload);
+    QLOGD("send %s!", result ? "success" : "fail");
+    return result;
+}
+
+void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*sender*/,
+                                const gchar* /*objectPath*/, const gchar* /*interfaceName*/,
+                                const gchar* methodName, GVariant* parameters,
+                                GDBusMethodInvocation* invocation, gpointer userData) {
+    QLOGI("");
+    TCServer* server = static_cast<TCServer*>(userData);
+    if (server == nullptr) {
+        QLOGE("pThis NULL");
+        ReturnErrorReply(invocation);
+        return;
+    }
+
+    char* from = nullptr;
+    unsigned int code = 0;
+    char* type = nullptr;
+    char* text = nullptr;
+    unsigned char* buffer = nullptr;
+    unsigned int size = 0;
+    const std::string method = methodName != nullptr ? methodName : "";
+    if (method == "SendMessage") {
+        QLOGI("SendMessage");
+        TCServerHelper::AnalyseServerMsg(parameters, &from, &code, &type, &text, nullptr, nullptr);
+    } else if (method == "SendMessageWithBuffer") {
+        QLOGI("SendMessageWithBuffer");
+        TCServerHelper::AnalyseServerMsg(parameters, &from, &code, &type, &text, &buffer, &size);
+    } else {
+        QLOGE("error method name : %s", method.c_str());
+        ReturnErrorReply(invocation);
+        return;
+    }
+    QLOGI("from[%s] [%s]", OrNull(from), OrNull(text));
+
+    // Owned by m_HandleMsg from here on, like |from|.
+    TCMessage* received = new TCMessage();
+    TCServerHelper::SetTCMessage(received, text, code, type, buffer, size);
+    delete[] type;
+    delete[] text;
+    delete[] buffer;
+
+    // The default IfHandleInEventIO answers false and touches nothing, so
+    // calling it is the same as skipping it for a class that keeps it.
+    TCEventIO* eventIO = nullptr;
+    if (server->IfHandleInEventIO(from, received, &eventIO) && eventIO != nullptr) {
+        QLOGI("send internal event");
+        TCEvent event;
+        event.receiver = eventIO;
+        event.type = EVENT_EXECUTE;
+        TCExecuteCallable* work = new TCExecuteCallable([server, from, received, invocation]() {
+            server->m_HandleMsg(from, received, invocation);
+        });
+        event.param.p = work;
+        if (TCEventIO::SendEvent(&event)) {
+            // The reply leaves from the event IO's thread.
+            QLOGI("send internal event success");
+            return;
+        }
+        // Not queued, so nobody else will release the callable.
+        delete work;
+    }
+    server->m_HandleMsg(from, received, invocation);
+}
+
+void TCServer::m_HandleMsg(const char* from, const TCMessage* message,
+                           GDBusMethodInvocation* invocation) {
+    TCMessage reply;
+    IfMessageReceived(from, message, &reply, nullptr);
+    delete message;
+    delete[] from;
+
+    reply.Generate();
+    const std::string text = reply.GetMessage();
+    unsigned char* buffer = nullptr;
+    const unsigned int size = reply.GetBuffer(buffer);
+    // |reply| owns the bytes until the reply has been serialised, which
+    // happens inside this call.
+    g_dbus_method_invocation_return_value(
+        invocation, NewReplyValue(m_name.c_str(), reply.m_code, reply.m_type.c_str(), text.c_str(),
+                                  buffer, size));
+}
+
+void TCServer::m_PendingCallNotify(GObject* source, GAsyncResult* result, gpointer userData) {
+    QLOGI("");
+    TCServer* server = static_cast<TCServer*>(userData);
+    if (server == nullptr) {
+        QLOGW("%s is null", "pThis");
+        return;
+    }
+    GDBusConnection* connection = G_DBUS_CONNECTION(source);
+    if (connection != server->m_connection) {
+        QLOGW("bus %p is different from owner's bus connection %p", static_cast<void*>(connection),
+              static_cast<void*>(server->m_connection));
+    }
+    if (connection == nullptr || g_dbus_connection_is_closed(connection)) {
+        QLOGE("bus connection is NULL");
+        return;
+    }
+    GVariant* answer = g_dbus_connection_call_finish(connection, result, nullptr);
+    if (answer == nullptr) {
+        QLOGE("dbus finish fail!");
+        return;
+    }
+
+    char* from = nullptr;
+    unsigned int code = 0;
+    char* type = nullptr;
+    char* text = nullptr;
+    unsigned char* buffer = nullptr;
+    unsigned int size = 0;
+    TCServerHelper::AnalyseServerMsg(answer, &from, &code, &type, &text, &buffer, &size);
+    TCMessage reply;
+    TCServerHelper::SetTCMessage(&reply, text, code, type, buffer, size);
+    delete[] type;
+    delete[] text;
+    delete[] buffer;
+
+    // A wholly empty reply means "nothing to say".
+    if (!reply.m_type.empty() || !reply.m_message.empty() || reply.m_buffer != nullptr) {
+        server->IfMessageReplied(from, &reply);
+    }
+    delete[] from;
+    g_variant_unref(answer);
+}
+
+}  // namespace Quelt

@@ -1,0 +1,372 @@
+// TCServer: signals. A server emits named signals on its own object and
+// interface; subscribers match on the sender's interface name and the
+// member only, so a named sender is found in whatever process it lives.
+// Received signals are decoded and handed to the subscription's callback,
+// native (TCMessage) or managed (the C record), or to IfMessageReceived.
+
+#include <string>
+
+#include "QueltLog.h"
+#include "TCServer.h"
+#include "TCServerHelper.h"
+#include "TCWrapperMessageOpr.h"
+
+namespace Quelt {
+
+namespace {
+
+// Holds a TCMutex for one scope.
+class ScopedLock {
+public:
+    explicit ScopedLock(TCMutex& mutex) : m_mutex(mutex) { m_mutex.Lock(); }
+    ~ScopedLock() { m_mutex.Unlock(); }
+    ScopedLock(const ScopedLock&) = delete;
+    ScopedLock& operator=(const ScopedLock&) = delete;
+
+private:
+    TCMutex& m_mutex;
+};
+
+// A peer-to-peer connection has no sender names.
+const char* OrNull(const char* text) {
+    return text != nullptr ? text : "(null)";
+}
+
+bool IsOpen(GDBusConnection* connection) {
+    return connection != nullptr && !g_dbus_connection_is_closed(connection);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Emission
+
+bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
+    if (signalName == nullptr) {
+        QLOGW("%s is null", "signalName");
+        return false;
+    }
+    // A closing server holds its lock for long; an emitter must not wait.
+    if (!m_closeLock.Try(1000)) {
+        QLOGE("Server is going to be closed!");
+        return false;
+    }
+    g_atomic_int_inc(&m_sendCount);
+    m_closeLock.Unlock();
+
+    if (!IsOpen(m_connection)) {
+        QLOGE("dbus connection is not open");
+        g_atomic_int_add(&m_sendCount, -1);
+        return false;
+    }
+
+    // The local copy owns the bytes the payload borrows until the emission
+    // has been serialised.
+    TCMessage local;
+    if (message != nullptr)
+        local = *message;
+    unsigned char* buffer = nullptr;
+    const unsigned int size = local.GetBuffer(buffer);
+    const std::string text = local.GetMessage();
+
+    GVariant* payload = nullptr;
+    if (buffer == nullptr || size == 0) {
+        payload = g_variant_new("(suss)", m_name.c_str(), local.m_code, local.m_type.c_str(),
+                                text.c_str());
+    } else {
+        GVariant* bytes =
+            g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), buffer, size, TRUE, nullptr, nullptr);
+        payload = g_variant_new("(suss@a*)", m_name.c_str(), local.m_code, local.m_type.c_str(),
+                                text.c_str(), bytes);
+    }
+
+    // Our own reference: GDBus takes its own when it accepts the payload,
+    // and an emission it refuses outright (a proxy has no object path) must
+    // not leak it.
+    g_variant_ref_sink(payload);
+    GError* error = nullptr;
+    const gboolean emitted =
+        g_dbus_connection_emit_signal(m_connection, nullptr, m_objectPath.c_str(),
+                                      m_busName.c_str(), signalName, payload, &error);
+    if (!emitted) {
+        if (error != nullptr) {
+            QLOGE("faile to  invoking emit signal(%s %d)", error->message, error->code);
+            g_error_free(error);
+        }
+    }
+    g_variant_unref(payload);
+    QLOGD("Send signal %s : %s.", signalName, emitted ? "success" : "fail");
+    g_atomic_int_add(&m_sendCount, -1);
+    return emitted != FALSE;
+}
+
+bool TCServer::SendSignal(const char* source, const char* signalName, const TCMessage* message) {
+    TCServer* server = m_GetDbusServer(source);
+    if (server == nullptr) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    return server->SendSignal(signalName, message);
+}
+
+// ---------------------------------------------------------------------------
+// Subscription (members)
+
+bool TCServer::SubscribeSignal(const char* from, const char* signalName,
+                               TCNativeSignalHandler handler, void* userData) {
+    ScopedLock lock(m_closeLock);
+    unsigned int id = 0;
+    std::string key;
+    switch (m_SubscribeSignal(from, signalName, NATIVE_SIGNAL, id, key)) {
+        case 1:
+            QLOGI("already registered [%s]", key.c_str());
+            return true;
+        case 0:
+            m_signalManager.SubscribeNativeSignal(key, signalName, handler, userData, id);
+            QLOGI("SubscribeSignal %s success", key.c_str());
+            return true;
+        default:
+            // Left at info level, although it reports a failure.
+            QLOGI("fail to register [%s]", key.c_str());
+            return false;
+    }
+}
+
+bool TCServer::SubscribeManagedSignal(const char* from, const char* signalName,
+                                      TCManagedSignalHandler handler, void* userData) {
+    ScopedLock lock(m_closeLock);
+    unsigned int id = 0;
+    std::string key;
+    switch (m_SubscribeSignal(from, signalName, MANAGED_SIGNAL, id, key)) {
+        case 1:
+            return true;
+        case 0:
+            m_signalManager.SubscribeManagedSignal(key, signalName, handler, userData, id);
+            QLOGI("Subscribe Managed Signal %s success", key.c_str());
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool TCServer::UnSubscribeSignal(const char* from, const char* signalName) {
+    ScopedLock lock(m_closeLock);
+    return m_UnSubscribeSignal(from, signalName, NATIVE_SIGNAL);
+}
+
+bool TCServer::UnSubscribeManagedSignal(const char* from, const char* signalName) {
+    ScopedLock lock(m_closeLock);
+    return m_UnSubscribeSignal(from, signalName, MANAGED_SIGNAL);
+}
+
+// Key signals are kept in the interface as placeholders.
+bool TCServer::SubscribeKeySignal(const char* /*from*/, const char* /*signalName*/,
+                                  TCNativeSignalHandler /*handler*/, void* /*userData*/) {
+    return false;
+}
+
+bool TCServer::UnSubscribeKeySignal(const char* /*from*/, const char* /*signalName*/) {
+    return false;
+}
+
+// ---------------------------------------------------------------------------
+// Subscription (static forms: |source| is the subscribing server of this
+// process; through them a subscription always names its sender)
+
+bool TCServer::SubscribeSignal(const char* source, const char* from, const char* signalName,
+                               TCNativeSignalHandler handler, void* userData) {
+    if (from == nullptr) {
+        QLOGW("%s is null", "from");
+        return false;
+    }
+    TCServer* server = m_GetDbusServer(source);
+    if (server == nullptr) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    return server->SubscribeSignal(from, signalName, handler, userData);
+}
+
+bool TCServer::SubscribeManagedSignal(const char* source, const char* from, const char* signalName,
+                                      TCManagedSignalHandler handler, void* userData) {
+    if (from == nullptr) {
+        QLOGW("%s is null", "from");
+        return false;
+    }
+    TCServer* server = m_GetDbusServer(source);
+    if (server == nullptr) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    return server->SubscribeManagedSignal(from, signalName, handler, userData);
+}
+
+bool TCServer::UnSubscribeSignal(const char* source, const char* from, const char* signalName) {
+    if (from == nullptr) {
+        QLOGW("%s is null", "from");
+        return false;
+    }
+    TCServer* server = m_GetDbusServer(source);
+    if (server == nullptr) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    return server->UnSubscribeSignal(from, signalName);
+}
+
+bool TCServer::UnSubscribeManagedSignal(const char* source, const char* from,
+                                        const char* signalName) {
+    if (from == nullptr) {
+        QLOGW("%s is null", "from");
+        return false;
+    }
+    TCServer* server = m_GetDbusServer(source);
+    if (server == nullptr) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    return server->UnSubscribeManagedSignal(from, signalName);
+}
+
+bool TCServer::SubscribeKeySignal(const char* source, const char* from, const char* signalName,
+                                  TCNativeSignalHandler handler, void* userData) {
+    TCServer* server = m_GetDbusServer(source);
+    if (server == nullptr) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    return server->SubscribeKeySignal(from, signalName, handler, userData);
+}
+
+bool TCServer::UnSubscribeKeySignal(const char* source, const char* from, const char* signalName) {
+    TCServer* server = m_GetDbusServer(source);
+    if (server == nullptr) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    return server->UnSubscribeKeySignal(from, signalName);
+}
+
+// ---------------------------------------------------------------------------
+// The bus side of subscriptions
+
+int TCServer::m_SubscribeSignal(const char* from, const char* signalName, TCSignalType type,
+                                unsigned int& id, std::string& key) {
+    if (!IsOpen(m_connection)) {
+        QLOGE("dbus connection is not open");
+        return -1;
+    }
+    if (signalName == nullptr) {
+        QLOGW("%s is null", "signalName");
+        return -1;
+    }
+    // A named sender is matched by the interface it emits on (its bus
+    // name); without one, the member is matched on any interface, and a
+    // second call subscribes on the bus once more.
+    std::string interfaceName;
+    if (from != nullptr) {
+        interfaceName = m_GetDBusName(from);
+        key = interfaceName + "." + signalName;
+        if (m_signalManager.IfSignalSubscribed(type, key))
+            return 1;
+    } else {
+        key = signalName;
+    }
+    QLOGI("Begin subscribe signal");
+    id = g_dbus_connection_signal_subscribe(
+        m_connection, nullptr, from != nullptr ? interfaceName.c_str() : nullptr, signalName,
+        nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, m_DSignalHandler, this, nullptr);
+    if (id == 0) {
+        QLOGE("fail to subscribe signal");
+        return -1;
+    }
+    return 0;
+}
+
+bool TCServer::m_UnSubscribeSignal(const char* from, const char* signalName, TCSignalType type) {
+    // A subscription without sender cannot be cancelled singly: only the
+    // close of the server removes it.
+    if (!IsOpen(m_connection) || from == nullptr) {
+        QLOGE("dbus connection is not open");
+        return false;
+    }
+    if (signalName == nullptr) {
+        QLOGW("%s is null", "signalName");
+        return false;
+    }
+    const std::string key = m_GetDBusName(from) + "." + signalName;
+    unsigned int id = 0;
+    if (m_signalManager.UnsubscribeSignal(type, key, id)) {
+        g_dbus_connection_signal_unsubscribe(m_connection, id);
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Dispatch, on the main context that was the thread-default of the
+// subscribing thread. The registry is read without the server's lock: it is
+// filled before the signals it waits for arrive.
+
+void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* senderName,
+                                const char* objectPath, const char* interfaceName,
+                                const char* signalName, GVariant* parameters, void* userData) {
+    if (interfaceName == nullptr) {
+        QLOGW("%s is null", "interfaceName");
+        return;
+    }
+    if (signalName == nullptr) {
+        QLOGW("%s is null", "signalName");
+        return;
+    }
+    TCServer* server = static_cast<TCServer*>(userData);
+    if (server == nullptr) {
+        QLOGW("%s is null", "pThis");
+        return;
+    }
+    QLOGI("sender(%s) object(%s) interface(%s) signal(%s)", OrNull(senderName), OrNull(objectPath),
+          interfaceName, signalName);
+    const std::string key = std::string(interfaceName) + "." + signalName;
+
+    // Native wins over managed; within a kind the qualified key wins over
+    // the plain signal name.
+    TCNativeSignalHandler nativeHandler = nullptr;
+    void* nativeData = nullptr;
+    TCManagedSignalHandler managedHandler = nullptr;
+    void* managedData = nullptr;
+    if (!server->m_signalManager.GetHandlerForNativeSignal(signalName, key, nativeHandler,
+                                                           nativeData) &&
+        !server->m_signalManager.GetHandlerForManagedSignal(signalName, key, managedHandler,
+                                                            managedData)) {
+        QLOGI("no register info of %s", key.c_str());
+        return;
+    }
+    QLOGI("begin to analyze signal of %s", key.c_str());
+
+    char* from = nullptr;
+    unsigned int code = 0;
+    char* type = nullptr;
+    char* text = nullptr;
+    unsigned char* buffer = nullptr;
+    unsigned int size = 0;
+    TCServerHelper::AnalyseServerMsg(parameters, &from, &code, &type, &text, &buffer, &size);
+    TCMessage message;
+    TCServerHelper::SetTCMessage(&message, text, code, type, buffer, size);
+    delete[] type;
+    delete[] text;
+    delete[] buffer;
+    TCMessage reply;
+
+    // The message and the C record live only for the call.
+    if (nativeHandler != nullptr) {
+        nativeHandler(from, signalName, &message, nativeData);
+    } else if (managedHandler != nullptr) {
+        TCWrapperMessage wrapper(&message);
+        managedHandler(from, signalName, wrapper.GetMMessager(), managedData);
+    } else {
+        // Signals are never answered: the reply is dropped.
+        server->IfMessageReceived(from, &message, &reply, signalName);
+    }
+    delete[] from;
+}
+
+}  // namespace Quelt

@@ -1,0 +1,273 @@
+// The other endpoint of the cross-process bus tests.
+//
+//   bus_peer serve NAME
+//       Creates an application endpoint NAME (a TCServer of type
+//       SERVER_TYPE_APP), runs a GLib main loop on the default context and
+//       prints "READY" once the bus name is owned. Ends on SIGTERM, on a
+//       message of type "quit" or on the stdin command "quit".
+//   bus_peer emit NAME SIGNAL TEXT
+//       Creates the endpoint NAME, emits SIGNAL with TEXT as body, prints
+//       "EMITTED 1" (or 0) and ends.
+//
+// Messages received by "serve" are answered according to their type:
+//   echo     text, code + 1, type "re:echo", the same buffer
+//   info     {"from","code","type","text","size","sum","count"}: what arrived,
+//            and how many messages arrived so far
+//   fail     {"dbus_result":"fail","why":"asked"}
+//   empty    nothing: the reply stays empty
+//   nonjson  the text "this is not json" (not JSON)
+//   hold     prints "HOLDING", waits for a line on stdin, then answers
+//            {"held":true}: the test decides when the reply leaves
+//   exit     ends the process in the middle of the call
+//   emit     emits the signal named by the body's "signal" with the body's
+//            "text" as message, answers {"emitted":true|false}
+//   quit     answers {"quit":true} and ends the loop
+// Other types are answered like "echo".
+//
+// stdin commands of "serve" (one per line, answered on stdout):
+//   send DEST TYPE CODE TEXT   synchronous send: "SENT <0|1> <type> <code> <text>"
+//   asend DEST TYPE CODE TEXT  asynchronous send with reply object; the reply
+//                              arrives as "REPLIED <from> <type> <code> <text>"
+//   emit SIGNAL TEXT           "EMITTED <0|1>"
+//   quit                       ends the loop
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+#include <string>
+
+#include "TCServer.h"
+#include <glib-unix.h>
+
+namespace {
+
+using Quelt::TCMessage;
+using Quelt::TCServer;
+
+GMainLoop* g_loop = nullptr;
+
+void Say(const std::string& line) {
+    std::string text = line + "\n";
+    // One write per line: the test reads lines.
+    ssize_t ignored = write(STDOUT_FILENO, text.data(), text.size());
+    (void)ignored;
+}
+
+// Reads one line from stdin, byte by byte, so that nothing is buffered
+// away from the main loop's watch. False at end of input.
+bool ReadStdinLine(std::string* line) {
+    line->clear();
+    for (;;) {
+        char c = 0;
+        const ssize_t got = read(STDIN_FILENO, &c, 1);
+        if (got <= 0)
+            return false;
+        if (c == '\n')
+            return true;
+        line->push_back(c);
+    }
+}
+
+unsigned long Sum(const unsigned char* bytes, unsigned int size) {
+    unsigned long sum = 0;
+    for (unsigned int i = 0; i < size; ++i)
+        sum += bytes[i];
+    return sum;
+}
+
+class PeerServer : public TCServer {
+public:
+    explicit PeerServer(const std::string& name) : TCServer(name, Quelt::SERVER_TYPE_APP) {}
+
+    bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
+                           const char* /*signalName*/) override {
+        const std::string type = message->m_type;
+        ++received_;
+        if (type == "empty")
+            return true;
+        if (type == "exit")
+            _exit(3);
+        if (type == "fail") {
+            reply->SetMessage("{\"dbus_result\":\"fail\",\"why\":\"asked\"}");
+            return false;
+        }
+        if (type == "nonjson") {
+            reply->SetMessage("this is not json");
+            return true;
+        }
+        if (type == "info") {
+            reply->m_value["from"] = from != nullptr ? from : "";
+            reply->m_value["code"] = message->m_code;
+            reply->m_value["type"] = message->m_type;
+            reply->m_value["text"] = message->GetString();
+            reply->m_value["size"] = message->m_size;
+            reply->m_value["sum"] =
+                static_cast<Json::UInt64>(Sum(message->m_buffer, message->m_size));
+            reply->m_value["count"] = received_;
+            return true;
+        }
+        if (type == "hold") {
+            Say("HOLDING");
+            std::string ignored;
+            ReadStdinLine(&ignored);
+            reply->m_value["held"] = true;
+            return true;
+        }
+        if (type == "emit") {
+            const Json::Value& body = message->m_value;
+            TCMessage signal;
+            signal.SetMessage(body["text"].asString());
+            reply->m_value["emitted"] = SendSignal(body["signal"].asCString(), &signal);
+            return true;
+        }
+        if (type == "quit") {
+            reply->m_value["quit"] = true;
+            g_main_loop_quit(g_loop);
+            return true;
+        }
+        reply->SetMessage(message->GetString());
+        reply->m_code = message->m_code + 1;
+        reply->m_type = "re:" + type;
+        reply->SetBuffer(message->m_buffer, message->m_size);
+        return true;
+    }
+
+    bool IfMessageReplied(const char* from, const TCMessage* reply) override {
+        std::ostringstream line;
+        line << "REPLIED " << (from != nullptr ? from : "null") << " " << reply->m_type << " "
+             << reply->m_code << " " << reply->GetString();
+        Say(line.str());
+        return true;
+    }
+
+private:
+    unsigned int received_ = 0;  // messages received so far, this one included
+};
+
+PeerServer* g_server = nullptr;
+
+// "send DEST TYPE CODE TEXT": TEXT is the rest of the line.
+void RunCommand(const std::string& line) {
+    std::istringstream in(line);
+    std::string verb;
+    in >> verb;
+    if (verb == "quit") {
+        g_main_loop_quit(g_loop);
+        return;
+    }
+    if (verb == "emit") {
+        std::string signalName;
+        in >> signalName;
+        std::string text;
+        std::getline(in >> std::ws, text);
+        TCMessage message;
+        message.SetMessage(text);
+        Say(std::string("EMITTED ") +
+            (g_server->SendSignal(signalName.c_str(), &message) ? "1" : "0"));
+        return;
+    }
+    if (verb == "send" || verb == "asend") {
+        std::string dest, type;
+        unsigned int code = 0;
+        in >> dest >> type >> code;
+        std::string text;
+        std::getline(in >> std::ws, text);
+        TCMessage message;
+        message.SetMessage(text);
+        message.m_type = type;
+        message.m_code = code;
+        TCMessage reply;
+        if (verb == "asend") {
+            g_server->SendMessage(dest.c_str(), &message, false, &reply, -1);
+            return;
+        }
+        const bool sent = g_server->SendMessage(dest.c_str(), &message, true, &reply, -1);
+        std::ostringstream out;
+        out << "SENT " << (sent ? 1 : 0) << " " << reply.m_type << " " << reply.m_code << " "
+            << reply.GetString();
+        Say(out.str());
+        return;
+    }
+    Say("UNKNOWN " + line);
+}
+
+gboolean OnStdin(gint /*fd*/, GIOCondition /*condition*/, gpointer /*data*/) {
+    std::string line;
+    if (!ReadStdinLine(&line)) {
+        // No more commands (e.g. started with </dev/null): serve on until
+        // SIGTERM or a "quit" message.
+        return G_SOURCE_REMOVE;
+    }
+    RunCommand(line);
+    return G_SOURCE_CONTINUE;
+}
+
+gboolean OnTerminate(gpointer /*data*/) {
+    g_main_loop_quit(g_loop);
+    return G_SOURCE_CONTINUE;
+}
+
+void OnNameAppeared(GDBusConnection* /*connection*/, const gchar* /*name*/, const gchar* /*owner*/,
+                    gpointer /*data*/) {
+    Say("READY");
+}
+
+int Serve(const std::string& name) {
+    g_loop = g_main_loop_new(nullptr, FALSE);
+    PeerServer server(name);
+    g_server = &server;
+    if (!server.CreateDBusServer()) {
+        Say("CREATE FAILED");
+        return 1;
+    }
+    // Our name has an owner once the bus has given it to us.
+    GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    const guint watch = g_bus_watch_name_on_connection(connection, server.GetBusName().c_str(),
+                                                       G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                                       OnNameAppeared, nullptr, nullptr, nullptr);
+    g_unix_signal_add(SIGTERM, OnTerminate, nullptr);
+    g_unix_fd_add(STDIN_FILENO, G_IO_IN, OnStdin, nullptr);
+    g_main_loop_run(g_loop);
+
+    g_bus_unwatch_name(watch);
+    g_object_unref(connection);
+    server.CloseDBusServer();
+    g_server = nullptr;
+    g_main_loop_unref(g_loop);
+    g_loop = nullptr;
+    return 0;
+}
+
+int Emit(const std::string& name, const std::string& signalName, const std::string& text) {
+    PeerServer server(name);
+    if (!server.CreateDBusServer()) {
+        Say("CREATE FAILED");
+        return 1;
+    }
+    TCMessage message;
+    message.SetMessage(text);
+    const bool emitted = server.SendSignal(signalName.c_str(), &message);
+    // Make sure the signal has left before the connection goes.
+    GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    g_dbus_connection_flush_sync(connection, nullptr, nullptr);
+    g_object_unref(connection);
+    Say(std::string("EMITTED ") + (emitted ? "1" : "0"));
+    server.CloseDBusServer();
+    return emitted ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // The test reads our stdout line by line.
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    if (argc == 3 && std::strcmp(argv[1], "serve") == 0)
+        return Serve(argv[2]);
+    if (argc == 5 && std::strcmp(argv[1], "emit") == 0)
+        return Emit(argv[2], argv[3], argv[4]);
+    std::fprintf(stderr, "usage: %s serve NAME | emit NAME SIGNAL TEXT\n", argv[0]);
+    return 2;
+}

@@ -1,0 +1,524 @@
+// harvo-bus: talk to harvo-fw endpoints on the D-Bus system bus from the
+// command line. Built on the framework itself: a proxy endpoint (a
+// connection without a bus name) checks, sends and listens; emitting a
+// signal needs an object to emit from, so "emit" creates an application
+// endpoint under the tool's own name for the length of the call.
+//
+// Exit status: 0 success, 1 the operation failed, 2 bad usage or input.
+
+#include <glib-unix.h>
+#include <glib.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "TCMessage.h"
+#include "TCServer.h"
+
+#if __has_include(<dlog-host.h>)
+#include <dlog-host.h>
+#define HARVO_BUS_HOST_LOG 1
+#endif
+
+namespace {
+
+using Quelt::TCMessage;
+using Quelt::TCServer;
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+// The async reply and listen waits, when no --timeout is given.
+constexpr int kDefaultWaitMs = 25000;
+
+const char kUsage[] =
+    "Usage: harvo-bus [OPTIONS] COMMAND [ARGUMENTS]\n"
+    "\n"
+    "Talks to harvo-fw endpoints on the D-Bus system bus (set\n"
+    "DBUS_SYSTEM_BUS_ADDRESS to use another bus, such as a private one).\n"
+    "\n"
+    "Commands:\n"
+    "  available ENDPOINT        Is some process serving ENDPOINT? Prints \"yes\"\n"
+    "                            (exit 0) or \"no\" (exit 1).\n"
+    "  send ENDPOINT             Sends a message and prints the reply. Synchronous\n"
+    "                            unless --async or --no-wait is given.\n"
+    "  emit SIGNAL               Broadcasts SIGNAL from the endpoint --name.\n"
+    "  listen ENDPOINT SIGNAL    Prints every SIGNAL that ENDPOINT broadcasts, until\n"
+    "                            --count signals arrived, --timeout passed, or\n"
+    "                            Ctrl-C.\n"
+    "\n"
+    "Message options (send, emit):\n"
+    "  --json TEXT               JSON body (default {})\n"
+    "  --json-file FILE          JSON body read from FILE (\"-\": standard input)\n"
+    "  --buffer-file FILE        binary buffer sent with the message\n"
+    "  --type TYPE               message type (default empty)\n"
+    "  --code N                  message code (default 0)\n"
+    "\n"
+    "Send options:\n"
+    "  --async                   send asynchronously and print the reply when it\n"
+    "                            arrives\n"
+    "  --no-wait                 send asynchronously and do not wait for a reply\n"
+    "  --buffer-out FILE         write the reply's buffer to FILE\n"
+    "  --timeout MS              how long to wait for the reply (synchronous:\n"
+    "                            default the bus's; --async: default 25000)\n"
+    "\n"
+    "Listen options:\n"
+    "  --count N                 stop after N signals (exit 0)\n"
+    "  --timeout MS              stop after MS milliseconds (exit 1 if --count\n"
+    "                            signals did not all arrive, else 0)\n"
+    "\n"
+    "Other options:\n"
+    "  --name NAME               this tool's endpoint name (default harvo-bus)\n"
+    "  --verbose                 show the framework's log on standard error\n"
+    "  -h, --help                show this help\n"
+    "\n"
+    "Exit status: 0 success, 1 the operation failed (endpoint missing, send\n"
+    "failed, nothing arrived in time), 2 bad usage or unreadable input.\n";
+
+struct Options {
+    std::string command;
+    std::vector<std::string> arguments;
+    std::string name = "harvo-bus";
+    std::string json = "{}";
+    std::string jsonFile;
+    bool jsonGiven = false;
+    std::string bufferFile;
+    std::string bufferOut;
+    std::string type;
+    unsigned int code = 0;
+    bool async = false;
+    bool noWait = false;
+    int timeoutMs = -1;
+    int count = -1;
+    bool verbose = false;
+    bool help = false;
+};
+
+// A usage or input error: message for standard error, exit status 2.
+struct UsageError {
+    std::string message;
+};
+
+// ---------------------------------------------------------------------------
+// The framework's log: hidden unless --verbose, but its errors and warnings
+// are kept so that a failure can say why.
+
+std::vector<std::string>& FrameworkProblems() {
+    static std::vector<std::string> problems;
+    return problems;
+}
+
+#ifdef HARVO_BUS_HOST_LOG
+// Runs with the log's lock held: must not log.
+void KeepProblems(int, int prio, const char* tag, const char* text, void*) {
+    if (prio < 5 /* DLOG_WARN */ || tag == nullptr || std::strcmp(tag, "HarvoFW") != 0)
+        return;
+    // The text proper follows the "[project]" part; drop the colour codes.
+    std::string line(text);
+    const size_t start = line.find(']');
+    line = (start == std::string::npos) ? line : line.substr(start + 1);
+    const size_t reset = line.find("\033[0m");
+    if (reset != std::string::npos)
+        line.erase(reset);
+    FrameworkProblems().push_back(line);
+}
+#endif
+
+void SetUpLog(bool verbose) {
+#ifdef HARVO_BUS_HOST_LOG
+    dlog_host_set_stderr(verbose ? 1 : 0);
+    dlog_host_set_sink(KeepProblems, nullptr);
+#else
+    (void)verbose;
+#endif
+}
+
+// Prints |what| and the framework's reasons, if it gave any.
+void Fail(const std::string& what) {
+    std::cerr << "harvo-bus: " << what << "\n";
+    for (const std::string& problem : FrameworkProblems())
+        std::cerr << "  framework: " << problem << "\n";
+}
+
+// ---------------------------------------------------------------------------
+// Arguments
+
+unsigned long ParseNumber(const std::string& option, const std::string& text, unsigned long max) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long value = std::strtoul(text.c_str(), &end, 10);
+    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || value > max)
+        throw UsageError{option + " wants a number from 0 to " + std::to_string(max) + ", not \"" +
+                         text + "\""};
+    return value;
+}
+
+Options ParseArguments(int argc, char** argv) {
+    Options options;
+    auto value = [&](int& i) -> std::string {
+        if (i + 1 >= argc)
+            throw UsageError{std::string(argv[i]) + " needs a value"};
+        return argv[++i];
+    };
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            options.help = true;
+        } else if (arg == "--verbose") {
+            options.verbose = true;
+        } else if (arg == "--async") {
+            options.async = true;
+        } else if (arg == "--no-wait") {
+            options.noWait = true;
+        } else if (arg == "--name") {
+            options.name = value(i);
+        } else if (arg == "--json") {
+            options.json = value(i);
+            options.jsonGiven = true;
+        } else if (arg == "--json-file") {
+            options.jsonFile = value(i);
+        } else if (arg == "--buffer-file") {
+            options.bufferFile = value(i);
+        } else if (arg == "--buffer-out") {
+            options.bufferOut = value(i);
+        } else if (arg == "--type") {
+            options.type = value(i);
+        } else if (arg == "--code") {
+            options.code = static_cast<unsigned int>(ParseNumber(arg, value(i), 0xFFFFFFFFUL));
+        } else if (arg == "--timeout") {
+            options.timeoutMs = static_cast<int>(ParseNumber(arg, value(i), 0x7FFFFFFFUL));
+        } else if (arg == "--count") {
+            options.count = static_cast<int>(ParseNumber(arg, value(i), 0x7FFFFFFFUL));
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            throw UsageError{"unknown option " + arg};
+        } else if (options.command.empty()) {
+            options.command = arg;
+        } else {
+            options.arguments.push_back(arg);
+        }
+    }
+    if (options.jsonGiven && !options.jsonFile.empty())
+        throw UsageError{"give the body with --json or with --json-file, not both"};
+    if (options.async && options.noWait)
+        throw UsageError{"--async and --no-wait exclude each other"};
+    if (options.name.empty())
+        throw UsageError{"--name must not be empty"};
+    return options;
+}
+
+void ExpectArguments(const Options& options, size_t count, const char* form) {
+    if (options.arguments.size() != count)
+        throw UsageError{std::string("usage: harvo-bus ") + form};
+}
+
+// The whole of |path| ("-": standard input); a UsageError when unreadable.
+std::string ReadFile(const std::string& path) {
+    if (path == "-")
+        return std::string(std::istreambuf_iterator<char>(std::cin),
+                           std::istreambuf_iterator<char>());
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw UsageError{"cannot read " + path + ": " + std::strerror(errno)};
+    std::ostringstream content;
+    content << in.rdbuf();
+    if (in.bad())
+        throw UsageError{"cannot read " + path};
+    return content.str();
+}
+
+void WriteFile(const std::string& path, const unsigned char* bytes, size_t size) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(size));
+    if (!out)
+        throw UsageError{"cannot write " + path + ": " + std::strerror(errno)};
+}
+
+// The message the options describe; the body must be JSON.
+TCMessage BuildMessage(const Options& options) {
+    const std::string body = options.jsonFile.empty() ? options.json : ReadFile(options.jsonFile);
+    TCMessage message;
+    if (!message.SetMessage(body)) {
+        std::string reason = message.GetError();
+        while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' '))
+            reason.pop_back();
+        throw UsageError{"the message body is not valid JSON: " + reason};
+    }
+    message.m_type = options.type;
+    message.m_code = options.code;
+    if (!options.bufferFile.empty()) {
+        const std::string bytes = ReadFile(options.bufferFile);
+        message.SetBuffer(reinterpret_cast<const unsigned char*>(bytes.data()),
+                          static_cast<unsigned int>(bytes.size()));
+    }
+    return message;
+}
+
+// ---------------------------------------------------------------------------
+// Output
+
+std::string DescribeBuffer(const TCMessage& message) {
+    if (message.m_buffer == nullptr || message.m_size == 0)
+        return "no buffer";
+    std::ostringstream out;
+    out << message.m_size << (message.m_size == 1 ? " byte [" : " bytes [");
+    const unsigned int shown = message.m_size < 16 ? message.m_size : 16;
+    char hex[4];
+    for (unsigned int i = 0; i < shown; ++i) {
+        std::snprintf(hex, sizeof(hex), "%02x", message.m_buffer[i]);
+        out << (i > 0 ? " " : "") << hex;
+    }
+    out << (shown < message.m_size ? " ...]" : "]");
+    return out.str();
+}
+
+// One line: what arrived, from whom.
+void PrintMessage(const std::string& what, const std::string& from, const TCMessage& message) {
+    std::cout << what << " from " << from << ": code=" << message.m_code << " type=\""
+              << message.m_type << "\" body=" << message.GetString() << " "
+              << DescribeBuffer(message) << std::endl;
+}
+
+// ---------------------------------------------------------------------------
+// The tool's endpoint
+
+// A proxy endpoint (or, for emitting, an application endpoint) that keeps
+// what arrives and ends the loop when the command has what it waits for.
+class ToolEndpoint : public TCServer {
+public:
+    ToolEndpoint(const std::string& name, Quelt::TCServerType type) : TCServer(name, type) {}
+
+    bool IfMessageReplied(const char* from, const TCMessage* reply) override {
+        PrintMessage("reply", from != nullptr ? from : "?", *reply);
+        replied_ = true;
+        Stop();
+        return true;
+    }
+
+    static void OnSignal(const char* from, const char* signalName, TCMessage* message, void* data) {
+        auto* self = static_cast<ToolEndpoint*>(data);
+        PrintMessage(std::string("signal ") + signalName, from != nullptr ? from : "?", *message);
+        ++self->signals_;
+        if (self->wanted_ > 0 && self->signals_ >= self->wanted_)
+            self->Stop();
+    }
+
+    // Runs the default main context until Stop, the limit (ms, -1: none) or
+    // SIGINT/SIGTERM; true when stopped by Stop.
+    bool Wait(int limitMs) {
+        loop_ = g_main_loop_new(nullptr, FALSE);
+        guint timer = 0;
+        if (limitMs >= 0)
+            timer = g_timeout_add(static_cast<guint>(limitMs), OnLimit, this);
+        const guint interrupt = g_unix_signal_add(SIGINT, OnInterrupt, this);
+        const guint terminate = g_unix_signal_add(SIGTERM, OnInterrupt, this);
+        if (!stopped_)
+            g_main_loop_run(loop_);
+        if (timer != 0 && !timedOut_)
+            g_source_remove(timer);
+        g_source_remove(interrupt);
+        g_source_remove(terminate);
+        g_main_loop_unref(loop_);
+        loop_ = nullptr;
+        return stopped_;
+    }
+
+    // Makes sure that queued outgoing messages (a signal) have left.
+    void Flush() {
+        if (m_connection != nullptr)
+            g_dbus_connection_flush_sync(m_connection, nullptr, nullptr);
+    }
+
+    void ExpectSignals(int count) { wanted_ = count; }
+    int Signals() const { return signals_; }
+    bool Replied() const { return replied_; }
+    bool Interrupted() const { return interrupted_; }
+
+private:
+    void Stop() {
+        stopped_ = true;
+        if (loop_ != nullptr)
+            g_main_loop_quit(loop_);
+    }
+    static gboolean OnLimit(gpointer data) {
+        auto* self = static_cast<ToolEndpoint*>(data);
+        self->timedOut_ = true;
+        g_main_loop_quit(self->loop_);
+        return G_SOURCE_REMOVE;
+    }
+    static gboolean OnInterrupt(gpointer data) {
+        auto* self = static_cast<ToolEndpoint*>(data);
+        self->interrupted_ = true;
+        g_main_loop_quit(self->loop_);
+        return G_SOURCE_CONTINUE;
+    }
+
+    GMainLoop* loop_ = nullptr;
+    bool stopped_ = false;
+    bool timedOut_ = false;
+    bool interrupted_ = false;
+    bool replied_ = false;
+    int wanted_ = -1;
+    int signals_ = 0;
+};
+
+// Opens the proxy endpoint; false (reported) when the bus is out of reach.
+bool Connect(ToolEndpoint& endpoint) {
+    if (endpoint.CreateDBusProxy())
+        return true;
+    Fail("cannot connect to the system bus (is DBUS_SYSTEM_BUS_ADDRESS right?)");
+    return false;
+}
+
+// ---------------------------------------------------------------------------
+// Commands
+
+int Available(const Options& options) {
+    ExpectArguments(options, 1, "available ENDPOINT");
+    ToolEndpoint proxy(options.name, Quelt::SERVER_TYPE_PROXY);
+    if (!Connect(proxy))
+        return kExitFailed;
+    const bool available = proxy.IsServiceAvailable(options.arguments[0].c_str());
+    proxy.CloseDBusProxy();
+    std::cout << (available ? "yes" : "no") << std::endl;
+    return available ? kExitOk : kExitFailed;
+}
+
+int Send(const Options& options) {
+    ExpectArguments(options, 1, "send ENDPOINT [--json TEXT | --json-file FILE] ...");
+    const std::string& dest = options.arguments[0];
+    TCMessage message = BuildMessage(options);
+    ToolEndpoint proxy(options.name, Quelt::SERVER_TYPE_PROXY);
+    if (!Connect(proxy))
+        return kExitFailed;
+    int status = kExitOk;
+    if (!proxy.IsServiceAvailable(dest.c_str())) {
+        Fail("no endpoint " + dest + " on the bus");
+        status = kExitFailed;
+    } else if (options.noWait) {
+        if (!proxy.SendMessage(dest.c_str(), &message, false, nullptr, -1)) {
+            Fail("sending to " + dest + " failed");
+            status = kExitFailed;
+        } else {
+            std::cout << "sent to " << dest << std::endl;
+            proxy.Flush();
+        }
+    } else if (options.async) {
+        TCMessage unused;  // an async send answers through the reply hook
+        if (!proxy.SendMessage(dest.c_str(), &message, false, &unused, -1)) {
+            Fail("sending to " + dest + " failed");
+            status = kExitFailed;
+        } else {
+            std::cout << "sent to " << dest << ", waiting for the reply" << std::endl;
+            const int limit = options.timeoutMs >= 0 ? options.timeoutMs : kDefaultWaitMs;
+            if (!proxy.Wait(limit)) {
+                Fail(proxy.Interrupted()
+                         ? "interrupted"
+                         : "no reply from " + dest + " within " + std::to_string(limit) + " ms");
+                status = kExitFailed;
+            }
+        }
+    } else {
+        TCMessage reply;
+        const bool sent =
+            proxy.SendMessage(dest.c_str(), &message, true, &reply, options.timeoutMs);
+        if (sent || !reply.m_message.empty())
+            PrintMessage("reply", dest, reply);
+        if (!options.bufferOut.empty() && reply.m_buffer != nullptr)
+            WriteFile(options.bufferOut, reply.m_buffer, reply.m_size);
+        if (!sent) {
+            Fail("sending to " + dest + " failed");
+            status = kExitFailed;
+        }
+    }
+    proxy.CloseDBusProxy();
+    return status;
+}
+
+int Emit(const Options& options) {
+    ExpectArguments(options, 1, "emit SIGNAL [--json TEXT | --json-file FILE] ...");
+    const std::string& signal = options.arguments[0];
+    TCMessage message = BuildMessage(options);
+    // Signals leave from an endpoint's own object: a proxy has none.
+    ToolEndpoint endpoint(options.name, Quelt::SERVER_TYPE_APP);
+    if (!endpoint.CreateDBusServer()) {
+        Fail("cannot create the endpoint " + options.name + " on the system bus");
+        endpoint.CloseDBusServer();
+        return kExitFailed;
+    }
+    const bool sent = endpoint.SendSignal(signal.c_str(), &message);
+    endpoint.Flush();
+    endpoint.CloseDBusServer();
+    if (!sent) {
+        Fail("emitting " + signal + " failed");
+        return kExitFailed;
+    }
+    std::cout << "emitted " << signal << " from " << options.name << std::endl;
+    return kExitOk;
+}
+
+int Listen(const Options& options) {
+    ExpectArguments(options, 2, "listen ENDPOINT SIGNAL [--count N] [--timeout MS]");
+    const std::string& from = options.arguments[0];
+    const std::string& signal = options.arguments[1];
+    ToolEndpoint proxy(options.name, Quelt::SERVER_TYPE_PROXY);
+    if (!Connect(proxy))
+        return kExitFailed;
+    if (!proxy.SubscribeSignal(from.c_str(), signal.c_str(), ToolEndpoint::OnSignal, &proxy)) {
+        Fail("cannot subscribe to " + signal + " of " + from);
+        proxy.CloseDBusProxy();
+        return kExitFailed;
+    }
+    // One round trip: the bus has the match rule before we say so.
+    proxy.IsServiceAvailable(from.c_str());
+    std::cout << "listening for " << signal << " from " << from << std::endl;
+    proxy.ExpectSignals(options.count);
+    proxy.Wait(options.timeoutMs);
+    proxy.CloseDBusProxy();
+    if (options.count > 0 && proxy.Signals() < options.count) {
+        Fail("only " + std::to_string(proxy.Signals()) + " of " + std::to_string(options.count) +
+             " signals arrived");
+        return kExitFailed;
+    }
+    return kExitOk;
+}
+
+int Run(int argc, char** argv) {
+    const Options options = ParseArguments(argc, argv);
+    if (options.help) {
+        std::cout << kUsage;
+        return kExitOk;
+    }
+    SetUpLog(options.verbose);
+    if (options.command.empty())
+        throw UsageError{"no command given"};
+    if (options.command == "available")
+        return Available(options);
+    if (options.command == "send")
+        return Send(options);
+    if (options.command == "emit")
+        return Emit(options);
+    if (options.command == "listen")
+        return Listen(options);
+    throw UsageError{"unknown command " + options.command};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const UsageError& error) {
+        std::cerr << "harvo-bus: " << error.message << "\n"
+                  << "Try 'harvo-bus --help' for more information.\n";
+        return kExitUsage;
+    }
+}
