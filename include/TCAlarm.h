@@ -37,10 +37,10 @@ private:
     void m_AttachSource();
 
     bool (*m_pCallback)(void*);
-    void* m_pData;        // not owned
-    GRecMutex* m_pLock;   // owned
+    void* m_pData;       // not owned
+    GRecMutex* m_pLock;  // owned
     bool m_bCreated;
-    GMainLoop* m_pLoop;   // not owned
+    GMainLoop* m_pLoop;  // not owned
     GSource* m_pSource;
     unsigned long m_Interval;
     unsigned long m_Count;  // QUELT_INFINITY: without limit

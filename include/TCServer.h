@@ -50,8 +50,7 @@ public:
 
     /* A bus message arrived: true with a non-null |eventIO| moves the
      * handling, and the reply, to that event IO's thread. */
-    virtual bool IfHandleInEventIO(const char* from, const TCMessage* message,
-                                   TCEventIO** eventIO);
+    virtual bool IfHandleInEventIO(const char* from, const TCMessage* message, TCEventIO** eventIO);
     /* A message arrived (by bus or in process); fill |reply|. For a
      * signal subscribed without callback, |signalName| is its name. */
     virtual bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
@@ -85,24 +84,22 @@ public:
     bool UnSubscribeSignal(const char* from, const char* signalName);
     bool UnSubscribeManagedSignal(const char* from, const char* signalName);
     /* Placeholders: do nothing and return false. */
-    bool SubscribeKeySignal(const char* from, const char* signalName,
-                            TCNativeSignalHandler handler, void* userData);
+    bool SubscribeKeySignal(const char* from, const char* signalName, TCNativeSignalHandler handler,
+                            void* userData);
     bool UnSubscribeKeySignal(const char* from, const char* signalName);
 
     /* Static forms: |source| names one of this process's servers. */
     static bool SendSignal(const char* source, const char* signalName, const TCMessage* message);
     static bool SubscribeSignal(const char* source, const char* from, const char* signalName,
                                 TCNativeSignalHandler handler, void* userData);
-    static bool SubscribeManagedSignal(const char* source, const char* from,
-                                       const char* signalName, TCManagedSignalHandler handler,
-                                       void* userData);
+    static bool SubscribeManagedSignal(const char* source, const char* from, const char* signalName,
+                                       TCManagedSignalHandler handler, void* userData);
     static bool UnSubscribeSignal(const char* source, const char* from, const char* signalName);
     static bool UnSubscribeManagedSignal(const char* source, const char* from,
                                          const char* signalName);
     static bool SubscribeKeySignal(const char* source, const char* from, const char* signalName,
                                    TCNativeSignalHandler handler, void* userData);
-    static bool UnSubscribeKeySignal(const char* source, const char* from,
-                                     const char* signalName);
+    static bool UnSubscribeKeySignal(const char* source, const char* from, const char* signalName);
 
     /* The created server of this process named |name|, or null. */
     static TCServer* m_GetDbusServer(const char* name);
@@ -138,11 +135,9 @@ private:
                                  const gchar* methodName, GVariant* parameters,
                                  GDBusMethodInvocation* invocation, gpointer userData);
     /* Takes ownership of |from| (new[]) and |message|. */
-    void m_HandleMsg(const char* from, const TCMessage* message,
-                     GDBusMethodInvocation* invocation);
+    void m_HandleMsg(const char* from, const TCMessage* message, GDBusMethodInvocation* invocation);
     static void m_PendingCallNotify(GObject* source, GAsyncResult* result, gpointer userData);
-    static void m_OnNameAcquired(GDBusConnection* connection, const gchar* name,
-                                 gpointer userData);
+    static void m_OnNameAcquired(GDBusConnection* connection, const gchar* name, gpointer userData);
     static void m_OnNameLost(GDBusConnection* connection, const gchar* name, gpointer userData);
 
     /* Steps of CreateDBusServer, run under m_closeLock. */
@@ -151,8 +146,8 @@ private:
     bool m_OwnName();
     bool m_ExportObject();
     /* Steps of SendMessage once the in-flight count is raised. */
-    bool m_SendInProcess(TCServer* receiver, const char* dest, const TCMessage* message,
-                         bool sync, TCMessage* reply, bool& delivered);
+    bool m_SendInProcess(TCServer* receiver, const char* dest, const TCMessage* message, bool sync,
+                         TCMessage* reply, bool& delivered);
     bool m_SendOnBus(const char* dest, std::string busName, const TCMessage* message, bool sync,
                      TCMessage* reply, int timeout);
 

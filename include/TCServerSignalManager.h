@@ -30,8 +30,8 @@ enum TCSignalType : int {
     MANAGED_SIGNAL = 1,  // callback takes a pelx_message_s*
 };
 
-typedef void (*TCNativeSignalHandler)(const char* from, const char* signalName,
-                                      TCMessage* message, void* userData);
+typedef void (*TCNativeSignalHandler)(const char* from, const char* signalName, TCMessage* message,
+                                      void* userData);
 typedef void (*TCManagedSignalHandler)(const char* from, const char* signalName,
                                        pelx_message_s* message, void* userData);
 
@@ -44,7 +44,7 @@ union TCSignalHandler {
 
 /* One subscription; owned by the table that holds its pointer. */
 struct TCSignalInfo {
-    std::string m_signalName;  // as the subscriber gave it, without bus name
+    std::string m_signalName;   // as the subscriber gave it, without bus name
     TCSignalHandler m_handler;  // may be null
     void* m_userData;           // never freed here
     unsigned int m_id;          // from g_dbus_connection_signal_subscribe

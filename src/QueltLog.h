@@ -21,7 +21,8 @@ namespace detail {
 constexpr const char* BaseName(const char* path) {
     const char* base = path;
     for (const char* p = path; *p != '\0'; ++p) {
-        if (*p == '/') base = p + 1;
+        if (*p == '/')
+            base = p + 1;
     }
     return base;
 }
@@ -37,10 +38,10 @@ constexpr const char* BaseName(const char* path) {
 #define QUELT_COLOUR_GREEN "\033[32m"
 #define QUELT_COLOUR_RESET "\033[0m"
 
-#define QUELT_LOG(prio, colour, fmt, ...)                                                     \
-    __dlog_print(LOG_ID_MAIN, prio, QUELT_LOG_TAG,                                            \
-                 "%s: %s(%d) > " colour " [%s]" fmt QUELT_COLOUR_RESET "\n",                  \
-                 ::Quelt::detail::BaseName(__FILE__), __func__, __LINE__,                     \
+#define QUELT_LOG(prio, colour, fmt, ...)                                    \
+    __dlog_print(LOG_ID_MAIN, prio, QUELT_LOG_TAG,                           \
+                 "%s: %s(%d) > " colour " [%s]" fmt QUELT_COLOUR_RESET "\n", \
+                 ::Quelt::detail::BaseName(__FILE__), __func__, __LINE__,    \
                  ::Quelt::GetProjectName(), ##__VA_ARGS__)
 
 #define QLOGE(fmt, ...) QUELT_LOG(DLOG_ERROR, QUELT_COLOUR_RED, fmt, ##__VA_ARGS__)
@@ -52,8 +53,9 @@ constexpr const char* BaseName(const char* path) {
  * type (it does not depend on NDEBUG). */
 #define QUELT_ASSERT(expr)                                                                    \
     do {                                                                                      \
-        if (!(expr)) ::Quelt::detail::AssertFail(#expr, ::Quelt::detail::BaseName(__FILE__), \
-                                                 __func__, __LINE__);                         \
+        if (!(expr))                                                                          \
+            ::Quelt::detail::AssertFail(#expr, ::Quelt::detail::BaseName(__FILE__), __func__, \
+                                        __LINE__);                                            \
     } while (0)
 
 namespace Quelt {

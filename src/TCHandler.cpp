@@ -36,15 +36,18 @@ bool TCSemaphore::Create(int initial) {
     if (m_pEventMutex == nullptr || m_pCond == nullptr) {
         QLOGE("can't allocate memory");
     }
-    if (m_pEventMutex != nullptr) g_mutex_init(m_pEventMutex);
-    if (m_pCond != nullptr) g_cond_init(m_pCond);
+    if (m_pEventMutex != nullptr)
+        g_mutex_init(m_pEventMutex);
+    if (m_pCond != nullptr)
+        g_cond_init(m_pCond);
     // Creation never reports failure.
     return true;
 }
 
 void TCSemaphore::Take() {
     g_mutex_lock(m_pEventMutex);
-    while (m_Count < 1) g_cond_wait(m_pCond, m_pEventMutex);
+    while (m_Count < 1)
+        g_cond_wait(m_pCond, m_pEventMutex);
     m_Count -= 1;
     g_mutex_unlock(m_pEventMutex);
 }
@@ -168,7 +171,8 @@ TCHandler::~TCHandler() {}
 
 bool TCHandler::OnEvent(const TCEvent* event) {
     QUELT_ASSERT(event);
-    if (t_OnEvent(event)) return true;
+    if (t_OnEvent(event))
+        return true;
     // Second chance for what the handler proper left alone.
     return t_OnMEvent(event);
 }
@@ -180,7 +184,9 @@ void TCHandler::OnClear(TCEvent* event) {
     t_ClearMEvent(event);
 }
 
-bool TCHandler::t_OnMEvent(const TCEvent* /*event*/) { return false; }
+bool TCHandler::t_OnMEvent(const TCEvent* /*event*/) {
+    return false;
+}
 
 void TCHandler::t_ClearMEvent(TCEvent* /*event*/) {}
 

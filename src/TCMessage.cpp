@@ -37,14 +37,17 @@ unsigned char* DuplicateBytes(const unsigned char* bytes, unsigned int size) {
 
 TCData::TCData() {}
 
-TCData::TCData(const std::string& message) : m_message(message) { Parse(); }
+TCData::TCData(const std::string& message) : m_message(message) {
+    Parse();
+}
 
 TCData::TCData(const TCData& other) : m_message(other.m_message), m_value(other.m_value) {
     Generate();
 }
 
 TCData& TCData::operator=(const TCData& other) {
-    if (this == &other) return *this;
+    if (this == &other)
+        return *this;
     // Unlike the copy constructor: no regeneration, and the error stays.
     m_message = other.m_message;
     m_value = other.m_value;
@@ -54,7 +57,8 @@ TCData& TCData::operator=(const TCData& other) {
 TCData::~TCData() {}
 
 bool TCData::Parse() {
-    if (!m_value.empty()) return true;
+    if (!m_value.empty())
+        return true;
 
     Json::CharReaderBuilder builder;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
@@ -80,27 +84,32 @@ bool TCData::Parse() {
 }
 
 void TCData::Generate() {
-    if (m_value.empty()) return;
+    if (m_value.empty())
+        return;
     m_message = WriteCompact(m_value);
 }
 
 std::string TCData::GetMessage() {
-    if (!m_value.empty() && m_message.empty()) Generate();
+    if (!m_value.empty() && m_message.empty())
+        Generate();
     return m_message;
 }
 
 std::string TCData::GetMessage() const {
-    if (!m_value.empty() && m_message.empty()) return kTreeOnlyWarning;
+    if (!m_value.empty() && m_message.empty())
+        return kTreeOnlyWarning;
     return m_message;
 }
 
 std::string TCData::GetString() const {
-    if (!m_value.empty() && m_message.empty()) return WriteCompact(m_value);
+    if (!m_value.empty() && m_message.empty())
+        return WriteCompact(m_value);
     return m_message;
 }
 
 std::string TCData::GetError() {
-    if (!m_error.empty()) return m_error;
+    if (!m_error.empty())
+        return m_error;
     return "no error";
 }
 
@@ -117,13 +126,18 @@ bool TCData::SetMessage(const std::string& message) {
 TCMessage::TCMessage() : m_code(0), m_buffer(nullptr), m_size(0) {}
 
 TCMessage::TCMessage(const TCMessage& other)
-    : TCData(other), m_code(other.m_code), m_type(other.m_type), m_buffer(nullptr),
+    : TCData(other),
+      m_code(other.m_code),
+      m_type(other.m_type),
+      m_buffer(nullptr),
       m_size(other.m_size) {
-    if (m_size != 0) m_buffer = DuplicateBytes(other.m_buffer, m_size);
+    if (m_size != 0)
+        m_buffer = DuplicateBytes(other.m_buffer, m_size);
 }
 
 TCMessage& TCMessage::operator=(const TCMessage& other) {
-    if (this == &other) return *this;
+    if (this == &other)
+        return *this;
     m_code = other.m_code;
     m_type = other.m_type;
     m_message = other.m_message;
@@ -132,7 +146,8 @@ TCMessage& TCMessage::operator=(const TCMessage& other) {
     m_size = other.m_size;
     delete[] m_buffer;
     m_buffer = nullptr;
-    if (m_size != 0) m_buffer = DuplicateBytes(other.m_buffer, m_size);
+    if (m_size != 0)
+        m_buffer = DuplicateBytes(other.m_buffer, m_size);
     return *this;
 }
 
@@ -148,7 +163,8 @@ void TCMessage::SetBuffer(const unsigned char* buffer, unsigned int size) {
     delete[] m_buffer;
     m_buffer = nullptr;
     m_size = size;
-    if (size != 0) m_buffer = DuplicateBytes(buffer, size);
+    if (size != 0)
+        m_buffer = DuplicateBytes(buffer, size);
 }
 
 unsigned int TCMessage::GetBuffer(unsigned char*& buffer) const {
@@ -157,8 +173,10 @@ unsigned int TCMessage::GetBuffer(unsigned char*& buffer) const {
 }
 
 unsigned int TCMessage::CopyBuffer(unsigned char** buffer) const {
-    if (buffer == nullptr) return 0;
-    if (m_buffer == nullptr) return 0;
+    if (buffer == nullptr)
+        return 0;
+    if (m_buffer == nullptr)
+        return 0;
     *buffer = DuplicateBytes(m_buffer, m_size);
     return m_size;
 }

@@ -13,8 +13,8 @@
 #include "TCAlarm.h"
 
 #define WPERF_TAG "WPERF"
-#define WPERF_LOG(fmt, ...)                                                              \
-    __dlog_print(LOG_ID_MAIN, DLOG_ERROR, WPERF_TAG, "%s: %s(%d) > " fmt,                \
+#define WPERF_LOG(fmt, ...)                                               \
+    __dlog_print(LOG_ID_MAIN, DLOG_ERROR, WPERF_TAG, "%s: %s(%d) > " fmt, \
                  ::Quelt::detail::BaseName(__FILE__), __func__, __LINE__, ##__VA_ARGS__)
 
 namespace {
@@ -24,7 +24,9 @@ constexpr int kPrctlTimingMarker = 666;
 constexpr size_t kMarkerSize = 200;
 constexpr size_t kMarkerPrefixBound = 190;
 
-inline unsigned int Now() { return static_cast<unsigned int>(Quelt::TCAlarm::GetTickCount()); }
+inline unsigned int Now() {
+    return static_cast<unsigned int>(Quelt::TCAlarm::GetTickCount());
+}
 
 }  // namespace
 
@@ -54,7 +56,8 @@ TCPrint::TCPrint(int enable, const char* name, int /*unused*/)
 }
 
 TCPrint::~TCPrint() {
-    if (m_Enable != 1) return;
+    if (m_Enable != 1)
+        return;
     unsigned int elapsed = Now() - m_StartTick;  // wraps correctly in 32 bits
     WPERF_LOG("[OUT][%s]!! duration = %lu", m_pName, static_cast<unsigned long>(elapsed));
 }

@@ -87,8 +87,9 @@ TEST(AppMainTest, ADestroyedApplicationIsNoApplicationAlthoughThePointerStays) {
         app->~TCDaemonService();
         for (const auto& line : capture.Lines()) {
             harvo_test::FrameworkLine parsed;
-            if (harvo_test::ParseFrameworkText(line.text, &parsed))
+            if (harvo_test::ParseFrameworkText(line.text, &parsed)) {
                 EXPECT_EQ("nil", parsed.project) << line.text;
+            }
         }
     }
     EXPECT_EQ(static_cast<void*>(storage), static_cast<void*>(g_pAppBase));

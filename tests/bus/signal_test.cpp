@@ -214,7 +214,7 @@ TEST_F(InProcessSignals, ANullSenderTwiceDeliversTwice) {
     LogCapture capture;
     {
         // The second store replaces the first record, which stays allocated.
-        harvo_bus_test::AcceptedLeak replaced;
+        [[maybe_unused]] harvo_bus_test::AcceptedLeak replaced;
         ASSERT_TRUE(sub_.SubscribeSignal(nullptr, "ping", NativeHandler, &inbox));
     }
     ASSERT_TRUE(sub_.SubscribeSignal(nullptr, "ping", NativeHandler, &inbox));

@@ -14,16 +14,21 @@ const char kReset[] = "\033[0m\n";
 
 std::string ColourFor(int prio) {
     switch (prio) {
-        case DLOG_ERROR: return "\033[31m";
-        case DLOG_WARN: return "\033[33m";
-        case DLOG_INFO: return "\033[37m";
-        case DLOG_DEBUG: return "\033[32m";
-        default: return "";
+        case DLOG_ERROR:
+            return "\033[31m";
+        case DLOG_WARN:
+            return "\033[33m";
+        case DLOG_INFO:
+            return "\033[37m";
+        case DLOG_DEBUG:
+            return "\033[32m";
+        default:
+            return "";
     }
 }
 
-std::string MakeFrameworkText(int prio, const std::string& file, const std::string& func,
-                              int line, const std::string& project, const std::string& text) {
+std::string MakeFrameworkText(int prio, const std::string& file, const std::string& func, int line,
+                              const std::string& project, const std::string& text) {
     return file + ": " + func + "(" + std::to_string(line) + ") > " + ColourFor(prio) + " [" +
            project + "]" + text + kReset;
 }
@@ -31,23 +36,31 @@ std::string MakeFrameworkText(int prio, const std::string& file, const std::stri
 bool ParseFrameworkText(const std::string& text, FrameworkLine* out) {
     // file ": " func "(" line ") > " colour " [" project "]" text reset
     size_t colon = text.find(": ");
-    if (colon == std::string::npos) return false;
+    if (colon == std::string::npos)
+        return false;
     size_t open = text.find('(', colon + 2);
-    if (open == std::string::npos) return false;
+    if (open == std::string::npos)
+        return false;
     size_t close = text.find(") > ", open);
-    if (close == std::string::npos) return false;
+    if (close == std::string::npos)
+        return false;
     size_t colour_begin = close + 4;
     size_t colour_end = text.find('m', colour_begin);
-    if (colour_end == std::string::npos || text.compare(colour_begin, 2, "\033[") != 0) return false;
-    if (text.compare(colour_end + 1, 2, " [") != 0) return false;
+    if (colour_end == std::string::npos || text.compare(colour_begin, 2, "\033[") != 0)
+        return false;
+    if (text.compare(colour_end + 1, 2, " [") != 0)
+        return false;
     size_t project_begin = colour_end + 3;
     size_t project_end = text.find(']', project_begin);
-    if (project_end == std::string::npos) return false;
+    if (project_end == std::string::npos)
+        return false;
     const std::string reset = kReset;
-    if (text.size() < reset.size() || text.compare(text.size() - reset.size(), reset.size(), reset) != 0)
+    if (text.size() < reset.size() ||
+        text.compare(text.size() - reset.size(), reset.size(), reset) != 0)
         return false;
     size_t text_begin = project_end + 1;
-    if (text_begin > text.size() - reset.size()) return false;
+    if (text_begin > text.size() - reset.size())
+        return false;
     FrameworkLine parsed;
     parsed.file = text.substr(0, colon);
     parsed.func = text.substr(colon + 2, open - colon - 2);
@@ -59,9 +72,13 @@ bool ParseFrameworkText(const std::string& text, FrameworkLine* out) {
     return true;
 }
 
-LogCapture::LogCapture() { dlog_host_set_sink(&LogCapture::Sink, this); }
+LogCapture::LogCapture() {
+    dlog_host_set_sink(&LogCapture::Sink, this);
+}
 
-LogCapture::~LogCapture() { dlog_host_set_sink(nullptr, nullptr); }
+LogCapture::~LogCapture() {
+    dlog_host_set_sink(nullptr, nullptr);
+}
 
 void LogCapture::Sink(int log_id, int prio, const char* tag, const char* text, void* self) {
     auto* capture = static_cast<LogCapture*>(self);
@@ -111,7 +128,8 @@ size_t LogCapture::CountFramework(int prio, const std::string& text) const {
 size_t LogCapture::CountExact(int prio, const std::string& tag, const std::string& text) const {
     size_t count = 0;
     for (const LogLine& line : Lines()) {
-        if (line.prio == prio && line.tag == tag && line.text == text) ++count;
+        if (line.prio == prio && line.tag == tag && line.text == text)
+            ++count;
     }
     return count;
 }
@@ -121,7 +139,8 @@ bool LogCapture::WaitFor(const std::function<bool(const LogLine&)>& pred,
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] {
         for (const LogLine& line : lines_) {
-            if (pred(line)) return true;
+            if (pred(line))
+                return true;
         }
         return false;
     });
@@ -142,7 +161,8 @@ std::string LogCapture::Dump() const {
     std::ostringstream out;
     for (const LogLine& line : Lines()) {
         out << dlog_host_priority_letter(line.prio) << "/" << line.tag << ": " << line.text;
-        if (line.text.empty() || line.text.back() != '\n') out << "\n";
+        if (line.text.empty() || line.text.back() != '\n')
+            out << "\n";
     }
     return out.str();
 }

@@ -34,8 +34,8 @@ struct FrameworkLine {
 std::string ColourFor(int prio);
 
 // Builds the exact text of a framework line.
-std::string MakeFrameworkText(int prio, const std::string& file, const std::string& func,
-                              int line, const std::string& project, const std::string& text);
+std::string MakeFrameworkText(int prio, const std::string& file, const std::string& func, int line,
+                              const std::string& project, const std::string& text);
 
 // Splits a framework line; false when |text| does not have the shape.
 bool ParseFrameworkText(const std::string& text, FrameworkLine* out);

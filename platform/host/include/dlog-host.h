@@ -14,11 +14,11 @@ extern "C" {
  * log's internal lock held (a sink must not log). |text| is the fully
  * formatted text, exactly as the caller produced it (colour escapes and
  * trailing newline included); it is only valid during the call. */
-typedef void (*dlog_host_sink_cb)(int log_id, int prio, const char *tag, const char *text,
-                                  void *user_data);
+typedef void (*dlog_host_sink_cb)(int log_id, int prio, const char* tag, const char* text,
+                                  void* user_data);
 
 /* Installs |sink| (null removes it). At most one sink at a time. */
-void dlog_host_set_sink(dlog_host_sink_cb sink, void *user_data);
+void dlog_host_set_sink(dlog_host_sink_cb sink, void* user_data);
 
 /* Enables (non-zero, the default) or disables the copy on standard error. */
 void dlog_host_set_stderr(int enabled);

@@ -10,13 +10,7 @@
 extern "C" {
 #endif
 
-typedef enum {
-    LOG_ID_MAIN = 0,
-    LOG_ID_RADIO,
-    LOG_ID_SYSTEM,
-    LOG_ID_APPS,
-    LOG_ID_MAX
-} log_id_t;
+typedef enum { LOG_ID_MAIN = 0, LOG_ID_RADIO, LOG_ID_SYSTEM, LOG_ID_APPS, LOG_ID_MAX } log_id_t;
 
 typedef enum {
     DLOG_UNKNOWN = 0,
@@ -33,7 +27,7 @@ typedef enum {
 
 /* Formats and writes one log line. Returns the number of bytes of the
  * formatted text, or a negative error (-EINVAL for a null tag or format). */
-int __dlog_print(log_id_t log_id, int prio, const char *tag, const char *fmt, ...)
+int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
 
 #ifdef __cplusplus

@@ -35,8 +35,10 @@ std::string FormatV(const char* fmt, va_list args) {
     char small[512];
     int needed = std::vsnprintf(small, sizeof(small), fmt, copy);
     va_end(copy);
-    if (needed < 0) return std::string();
-    if (static_cast<size_t>(needed) < sizeof(small)) return std::string(small, needed);
+    if (needed < 0)
+        return std::string();
+    if (static_cast<size_t>(needed) < sizeof(small))
+        return std::string(small, needed);
     std::string text(static_cast<size_t>(needed), '\0');
     std::vsnprintf(&text[0], text.size() + 1, fmt, args);
     return text;
@@ -52,7 +54,8 @@ void WriteStderr(int prio, const char* tag, const std::string& text) {
     line += std::to_string(static_cast<long>(getpid()));
     line += "): ";
     line += text;
-    if (line.empty() || line.back() != '\n') line += '\n';
+    if (line.empty() || line.back() != '\n')
+        line += '\n';
     // One write per line so concurrent processes sharing stderr stay readable.
     ssize_t ignored = write(STDERR_FILENO, line.data(), line.size());
     (void)ignored;
@@ -61,7 +64,8 @@ void WriteStderr(int prio, const char* tag, const std::string& text) {
 }  // namespace
 
 extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...) {
-    if (tag == nullptr || fmt == nullptr) return -EINVAL;
+    if (tag == nullptr || fmt == nullptr)
+        return -EINVAL;
     va_list args;
     va_start(args, fmt);
     std::string text = FormatV(fmt, args);
@@ -69,8 +73,10 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
 
     LogState& state = State();
     std::lock_guard<std::mutex> guard(state.lock);
-    if (state.sink != nullptr) state.sink(log_id, prio, tag, text.c_str(), state.sink_data);
-    if (state.to_stderr) WriteStderr(prio, tag, text);
+    if (state.sink != nullptr)
+        state.sink(log_id, prio, tag, text.c_str(), state.sink_data);
+    if (state.to_stderr)
+        WriteStderr(prio, tag, text);
     return static_cast<int>(text.size());
 }
 
@@ -89,13 +95,21 @@ extern "C" void dlog_host_set_stderr(int enabled) {
 
 extern "C" char dlog_host_priority_letter(int prio) {
     switch (prio) {
-        case DLOG_VERBOSE: return 'V';
-        case DLOG_DEBUG: return 'D';
-        case DLOG_INFO: return 'I';
-        case DLOG_WARN: return 'W';
-        case DLOG_ERROR: return 'E';
-        case DLOG_FATAL: return 'F';
-        case DLOG_SILENT: return 'S';
-        default: return '?';
+        case DLOG_VERBOSE:
+            return 'V';
+        case DLOG_DEBUG:
+            return 'D';
+        case DLOG_INFO:
+            return 'I';
+        case DLOG_WARN:
+            return 'W';
+        case DLOG_ERROR:
+            return 'E';
+        case DLOG_FATAL:
+            return 'F';
+        case DLOG_SILENT:
+            return 'S';
+        default:
+            return '?';
     }
 }
