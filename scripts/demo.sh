@@ -1,19 +1,35 @@
 #!/usr/bin/env bash
 # The main job: installs the dependencies, builds harvo-fw and its examples
-# (RelWithDebInfo, in build-demo/) and runs the demo programs one after
-# the other, each introduced by a short explanation.
+# (RelWithDebInfo, in build-demo/) and runs the demo:
 #
-# Usage: scripts/demo.sh
+#   part 1  the building blocks, one small program each (foundation_demo,
+#           event_core), narration and framework log lines interleaved;
+#   part 2  a service and a client talking over a private system bus
+#           (demo_service, demo_client): a transcript of both on standard
+#           output, their framework log lines in files under build-demo/.
+#
+# Exits 0 only when both programs of part 2 ended with status 0.
+#
+# Usage: scripts/demo.sh [--bus-only]     (--bus-only: skip part 1)
 #
 # Environment:
 #   HARVO_BUILD_PREFIX  directory that holds build-demo/ (default: the repository root)
 #   HARVO_JOBS          parallel compile jobs (default 2)
+#   HARVO_DEMO_TIMEOUT  seconds after which a hanging demo program is stopped (default 60)
 set -euo pipefail
+
+BUS_ONLY=0
+case "${1:-}" in
+    --bus-only) BUS_ONLY=1 ;;
+    "") ;;
+    *) echo "usage: $0 [--bus-only]" >&2; exit 2 ;;
+esac
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$ROOT"
 PREFIX=${HARVO_BUILD_PREFIX:-$ROOT}
 JOBS=${HARVO_JOBS:-2}
+DEMO_TIMEOUT=${HARVO_DEMO_TIMEOUT:-60}
 BUILD="$PREFIX/build-demo"
 
 # shellcheck source=SCRIPTDIR/private-bus.sh
@@ -50,17 +66,65 @@ run_example() {
     stdbuf -oL "$program" 2>&1
 }
 
-run_example foundation_demo "Foundation: log lines, locks and the message record" \
+if [[ $BUS_ONLY -eq 0 ]]; then
+    run_example foundation_demo "Part 1a. Foundation: log lines, locks and the message record" \
 "examples/foundation_demo.cpp walks through the building blocks every harvo-fw
 process uses: the framework's log line, the recursive TCMutex, and TCMessage
 with its JSON body and optional byte buffer."
 
-run_example event_core "Event core: events, tasks and alarms" \
+    run_example event_core "Part 1b. Event core: events, tasks and alarms" \
 "examples/event_core.cpp shows the event core at work: events posted from one
 thread and handled on another, worker tasks with their own main loops, alarms."
+fi
 
-# Programs that talk over the bus run on a private system bus:
-#   harvo_private_bus_start
-#   run_example ...
+# Part 2: the service and the client, each in its own process, on a private
+# system bus that stops when this script ends.
+SERVICE="$BUILD/examples/demo_service"
+CLIENT="$BUILD/examples/demo_client"
+LOGS="$BUILD/demo-logs"
+mkdir -p "$LOGS"
+
+banner "Part 2. A service and a client talking over the bus"
+echo "Two processes, each with one application object run by Quelt::AppMain:
+
+  [service]  examples/demo_service.cpp: a TCDaemonService named \"weather\".
+             It handles bus messages on its worker task (IfHandleInEventIO),
+             and an alarm on that task broadcasts the signal \"forecast\".
+  [client]   examples/demo_client.cpp: a TCEFLApplication (a UI application)
+             that waits until \"weather\" is on the bus, sends it a
+             synchronous message with a JSON body and a byte buffer and an
+             asynchronous one whose reply comes back later, listens to three
+             forecasts, then tells the service to quit.
+
+Both run on a private dbus-daemon with system-bus semantics
+(scripts/private-bus.sh): the machine's own bus is never touched.
+Below are both programs' standard output, line by line as printed
+((main) and (worker) say which thread of the service printed the line).
+The framework's own log lines (standard error) go to
+  $LOGS/demo_service.log
+  $LOGS/demo_client.log
+"
+harvo_private_bus_start 2>"$LOGS/private-bus.log"
+
+# --foreground: Ctrl-C reaches the programs, which then end through their
+# terminate paths; after DEMO_TIMEOUT seconds a hanging program is stopped.
+timeout --foreground "$DEMO_TIMEOUT" "$SERVICE" 2>"$LOGS/demo_service.log" &
+service_pid=$!
+client_status=0
+timeout --foreground "$DEMO_TIMEOUT" "$CLIENT" 2>"$LOGS/demo_client.log" || client_status=$?
+if [[ $client_status -ne 0 ]]; then
+    # The client never said "quit": do not make the service wait for the timeout.
+    kill "$service_pid" 2>/dev/null || true
+fi
+service_status=0
+wait "$service_pid" || service_status=$?
 
 banner "Demo finished"
+echo "service exit status: $service_status, client exit status: $client_status"
+if [[ $service_status -ne 0 || $client_status -ne 0 ]]; then
+    echo "The demo FAILED; the framework's log lines are in $LOGS/." >&2
+    exit 1
+fi
+echo "Both programs ended through their terminate paths. Read examples/demo_service.cpp
+and examples/demo_client.cpp next to the transcript above; the log files in
+$LOGS/ show the framework's side of the same conversation."
