@@ -25,6 +25,8 @@
 
 #include <stdbool.h>
 
+#include <ui-gadget-module.h>
+
 #if defined(__GNUC__)
 #define PELX_API __attribute__((visibility("default")))
 #else
@@ -120,6 +122,80 @@ typedef void (*pelx_signal_handler)(const char* from, const char* signalName,
 PELX_API bool pelx_subscribe_signal(const char* source, const char* from, const char* signalName,
                                     pelx_signal_handler handler, void* userData);
 PELX_API bool pelx_unsubscribe_signal(const char* source, const char* from, const char* signalName);
+
+/* Gadgets written in C. The gadget fills a pelx_gadget_activity_ops record
+ * with its callbacks and calls pelx_init_ui_gadget from UG_MODULE_INIT; the
+ * framework creates the activity behind it. Every callback gets the
+ * record's priv_data last. */
+typedef void* (*pelx_gadget_create_cb)(struct ui_gadget_s* ug, enum ug_mode mode,
+                                       struct app_control_s* service, void* priv);
+typedef void (*pelx_gadget_state_cb)(struct ui_gadget_s* ug, struct app_control_s* service,
+                                     void* priv);
+typedef void (*pelx_gadget_message_cb)(struct ui_gadget_s* ug, struct app_control_s* msg,
+                                       struct app_control_s* service, void* priv);
+typedef void (*pelx_gadget_event_cb)(struct ui_gadget_s* ug, enum ug_event event,
+                                     struct app_control_s* service, void* priv);
+/* True when the event was handled. The record lives only during the call. */
+typedef bool (*pelx_gadget_pelx_event_cb)(pelx_event_s* event, void* priv);
+typedef void (*pelx_gadget_clear_pelx_event_cb)(pelx_event_s* event, void* priv);
+/* What the callback writes into |reply| is what the sender receives.
+ * |extra| is null for a message, the signal name for a signal subscribed
+ * without callback. */
+typedef bool (*pelx_gadget_msg_received_cb)(const char* sender, pelx_message_s* message,
+                                            pelx_message_s* reply, const char* extra, void* priv);
+typedef bool (*pelx_gadget_msg_replied_cb)(const char* sender, pelx_message_s* message, void* priv);
+
+/* Thirteen pointer-sized slots, in this order. */
+typedef struct pelx_gadget_activity_ops {
+    pelx_gadget_create_cb create_cb;
+    pelx_gadget_state_cb start_cb;
+    pelx_gadget_state_cb pause_cb;
+    pelx_gadget_state_cb resume_cb;
+    pelx_gadget_state_cb destroy_cb;
+    pelx_gadget_message_cb message_cb;
+    pelx_gadget_event_cb event_cb;
+    pelx_gadget_pelx_event_cb pelx_event_cb;
+    pelx_gadget_clear_pelx_event_cb clear_pelx_event_cb;
+    pelx_gadget_msg_received_cb pelx_msg_received_cb;
+    pelx_gadget_msg_replied_cb pelx_msg_replied_cb;
+    void* event_handler; /* the activity made by pelx_init_ui_gadget */
+    void* priv_data;     /* the gadget's own data */
+} pelx_gadget_activity_ops;
+
+/* Every slot null but priv_data. */
+PELX_API pelx_gadget_activity_ops* pelx_create_gadget_activity_ops(void* priv_data);
+/* Frees the record (null ignored); the activity is not touched. */
+PELX_API void pelx_destory_gadget_activity_ops(pelx_gadget_activity_ops* ops);
+/* Setters: a null record is ignored. */
+PELX_API void pelx_set_gadget_create_cb(pelx_gadget_activity_ops* ops, pelx_gadget_create_cb cb);
+PELX_API void pelx_set_gadget_start_cb(pelx_gadget_activity_ops* ops, pelx_gadget_state_cb cb);
+PELX_API void pelx_set_gadget_pause_cb(pelx_gadget_activity_ops* ops, pelx_gadget_state_cb cb);
+PELX_API void pelx_set_gadget_resume_cb(pelx_gadget_activity_ops* ops, pelx_gadget_state_cb cb);
+PELX_API void pelx_set_gadget_destroy_cb(pelx_gadget_activity_ops* ops, pelx_gadget_state_cb cb);
+PELX_API void pelx_set_gadget_message_cb(pelx_gadget_activity_ops* ops, pelx_gadget_message_cb cb);
+PELX_API void pelx_set_gadget_event_cb(pelx_gadget_activity_ops* ops, pelx_gadget_event_cb cb);
+PELX_API void pelx_set_gadget_pelx_event_cb(pelx_gadget_activity_ops* ops,
+                                            pelx_gadget_pelx_event_cb cb);
+PELX_API void pelx_set_gadget_clear_pelx_event_cb(pelx_gadget_activity_ops* ops,
+                                                  pelx_gadget_clear_pelx_event_cb cb);
+PELX_API void pelx_set_gadget_pelx_msg_received_cb(pelx_gadget_activity_ops* ops,
+                                                   pelx_gadget_msg_received_cb cb);
+PELX_API void pelx_set_gadget_pelx_msg_replied_cb(pelx_gadget_activity_ops* ops,
+                                                  pelx_gadget_msg_replied_cb cb);
+/* Getters: null for a null record. */
+PELX_API void* pelx_get_gadget_priv_data(pelx_gadget_activity_ops* ops);
+PELX_API void* pelx_get_gadget_event_handler(pelx_gadget_activity_ops* ops);
+/* The application's name ("nil" while there is none). */
+PELX_API const char* pelx_get_app_name(void);
+
+/* Module entry: creates the activity named |name| (not null) for |gops|
+ * (not null) and points |ops| at it; -1 when |ops| is null. */
+PELX_API int pelx_init_ui_gadget(struct ug_module_ops* ops, pelx_gadget_activity_ops* gops,
+                                 enum ug_option option, const char* name, bool bCreateDBus);
+/* Module exit: deletes the activity and returns its record for
+ * pelx_destory_gadget_activity_ops; null when |ops| is null or has no
+ * activity. The private data of |ops| is left as it was: do not call twice. */
+PELX_API pelx_gadget_activity_ops* pelx_exit_ui_gadget(struct ug_module_ops* ops);
 
 #ifdef __cplusplus
 }

@@ -14,6 +14,7 @@
 #include "QueltLog.h"
 #include "TCApplication.h"
 #include "TCEventIO.h"
+#include "TCGadgetActivity.h"
 #include "TCServer.h"
 
 // The process's application; set by AppMain and never cleared.
@@ -188,6 +189,30 @@ bool UnSubscribeSignal(const char* source, const char* from, const char* signalN
 
 bool UnSubscribeKeySignal(const char* source, const char* from, const char* signalName) {
     return TCServer::UnSubscribeKeySignal(source, from, signalName);
+}
+
+}  // namespace Quelt
+
+// ---------------------------------------------------------------------------
+// UI gadget entry
+
+namespace Quelt {
+
+int InitUIGadget(ug_module_ops* ops, TCGadgetActivity* activity, ug_option option) {
+    if (ops == nullptr) {
+        QLOGE("NULL pointer!");
+        return -1;
+    }
+    ops->create = TCGadgetActivity::OnCreate;
+    ops->start = TCGadgetActivity::OnStart;
+    ops->pause = TCGadgetActivity::OnPause;
+    ops->resume = TCGadgetActivity::OnResume;
+    ops->destroy = TCGadgetActivity::OnDestroy;
+    ops->message = TCGadgetActivity::OnMessage;
+    ops->event = TCGadgetActivity::OnEvent;
+    ops->priv = activity;
+    ops->opt = option;
+    return 0;
 }
 
 }  // namespace Quelt
