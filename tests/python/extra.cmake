@@ -1,0 +1,12 @@
+# The C interface from another language: a Python program that uses only
+# the standard library's ctypes, on a private bus. Not in sanitizer builds:
+# an uninstrumented interpreter cannot load an instrumented library.
+find_program(HARVO_PYTHON3 python3)
+if(HARVO_PYTHON3 AND EXISTS ${PROJECT_SOURCE_DIR}/tools/CMakeLists.txt
+   AND NOT CMAKE_BUILD_TYPE MATCHES "^(Asan|Tsan)$")
+    add_test(NAME python_ctypes_signals
+        COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/run_ctypes_signal.sh
+            ${HARVO_PYTHON3} ${PROJECT_SOURCE_DIR}/scripts ${CMAKE_CURRENT_BINARY_DIR}/python-test
+            $<TARGET_FILE:harvo-fw> $<TARGET_FILE:harvo-bus>)
+    set_tests_properties(python_ctypes_signals PROPERTIES LABELS unit TIMEOUT 120)
+endif()
