@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "BusPayload.h"
 #include "QueltLog.h"
 #include "TCServer.h"
 
@@ -156,5 +157,23 @@ std::string TCServer::m_GetDBusName(std::string name) {
     TCServerHelper::FormatDBusName(busName);
     return busName;
 }
+
+namespace detail {
+
+void UnpackIntoMessage(GVariant* payload, char** from, TCMessage* message) {
+    // Outputs start empty: a payload of another shape writes nothing.
+    unsigned int code = 0;
+    char* type = nullptr;
+    char* text = nullptr;
+    unsigned char* buffer = nullptr;
+    unsigned int size = 0;
+    TCServerHelper::AnalyseServerMsg(payload, from, &code, &type, &text, &buffer, &size);
+    TCServerHelper::SetTCMessage(message, text, code, type, buffer, size);
+    delete[] type;
+    delete[] text;
+    delete[] buffer;
+}
+
+}  // namespace detail
 
 }  // namespace Quelt

@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "BusPayload.h"
 #include "EventPayloads.h"
 #include "QueltLog.h"
 #include "TCEventIO.h"
@@ -199,16 +200,7 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
             m_connection, busName.c_str(), objectPath.c_str(), interfaceName.c_str(), method,
             payload, nullptr, G_DBUS_CALL_FLAGS_NONE, timeout, nullptr, &error);
         if (answer != nullptr) {
-            unsigned int code = 0;
-            char* type = nullptr;
-            char* body = nullptr;
-            unsigned char* bytes = nullptr;
-            unsigned int count = 0;
-            TCServerHelper::AnalyseServerMsg(answer, nullptr, &code, &type, &body, &bytes, &count);
-            TCServerHelper::SetTCMessage(reply, body, code, type, bytes, count);
-            delete[] type;
-            delete[] body;
-            delete[] bytes;
+            detail::UnpackIntoMessage(answer, nullptr, reply);
             g_variant_unref(answer);
             result = true;
             // The remote handler's failure shows only in the reply body.
@@ -342,17 +334,8 @@ void TCServer::m_PendingCallNotify(GObject* source, GAsyncResult* result, gpoint
     }
 
     char* from = nullptr;
-    unsigned int code = 0;
-    char* type = nullptr;
-    char* text = nullptr;
-    unsigned char* buffer = nullptr;
-    unsigned int size = 0;
-    TCServerHelper::AnalyseServerMsg(answer, &from, &code, &type, &text, &buffer, &size);
     TCMessage reply;
-    TCServerHelper::SetTCMessage(&reply, text, code, type, buffer, size);
-    delete[] type;
-    delete[] text;
-    delete[] buffer;
+    detail::UnpackIntoMessage(answer, &from, &reply);
 
     // A wholly empty reply means "nothing to say".
     if (!reply.m_type.empty() || !reply.m_message.empty() || reply.m_buffer != nullptr) {

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "BusPayload.h"
 #include "QueltLog.h"
 #include "TCServer.h"
 #include "TCServerHelper.h"
@@ -343,17 +344,8 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
     QLOGI("begin to analyze signal of %s", key.c_str());
 
     char* from = nullptr;
-    unsigned int code = 0;
-    char* type = nullptr;
-    char* text = nullptr;
-    unsigned char* buffer = nullptr;
-    unsigned int size = 0;
-    TCServerHelper::AnalyseServerMsg(parameters, &from, &code, &type, &text, &buffer, &size);
     TCMessage message;
-    TCServerHelper::SetTCMessage(&message, text, code, type, buffer, size);
-    delete[] type;
-    delete[] text;
-    delete[] buffer;
+    detail::UnpackIntoMessage(parameters, &from, &message);
     TCMessage reply;
 
     // The message and the C record live only for the call.
