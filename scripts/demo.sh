@@ -6,9 +6,13 @@
 #           event_core), narration and framework log lines interleaved;
 #   part 2  a service and a client talking over a private system bus
 #           (demo_service, demo_client): a transcript of both on standard
-#           output, their framework log lines in files under build-demo/.
+#           output, their framework log lines in files under build-demo/;
+#   part 3  UI gadgets: a host application embeds a gadget written in C++
+#           and one written in C (gadget_host, libug-hello_cpp.so,
+#           libug-hello_c.so); its log lines in a file under build-demo/.
 #
-# Exits 0 only when both programs of part 2 ended with status 0.
+# Exits 0 only when both programs of part 2 and the host of part 3 ended
+# with status 0.
 #
 # Usage: scripts/demo.sh [--bus-only]     (--bus-only: skip part 1)
 #
@@ -119,12 +123,35 @@ fi
 service_status=0
 wait "$service_pid" || service_status=$?
 
+# Part 3: UI gadgets, one process (no bus needed): the host loads both
+# gadget modules from its own directory.
+banner "Part 3. UI gadgets: a host and two gadgets"
+echo "One UI application embeds two UI gadgets, shared objects it loads by name:
+
+  [host]        examples/gadget_host.cpp: one TCGadgetProxy per gadget. It
+                asks each gadget a question and answers theirs, then closes
+                hello_cpp with ug_destroy and asks hello_c to close itself
+                (the destroy request, REQUEST / DESTROY).
+  [gadget cpp]  examples/gadget_cpp.cpp (libug-hello_cpp.so): a
+                TCGadgetActivity; it asks the host with GetHostInformation
+                and answers in t_GadgetInformationRequested.
+  [gadget c]    examples/gadget_c.c (libug-hello_c.so): callbacks given
+                through the pelx_ interface; it talks with plain messages
+                and results.
+
+The framework's own log lines go to
+  $LOGS/gadget_host.log
+"
+gadget_status=0
+timeout --foreground "$DEMO_TIMEOUT" stdbuf -oL "$BUILD/examples/gadget_host" \
+    2>"$LOGS/gadget_host.log" || gadget_status=$?
+
 banner "Demo finished"
-echo "service exit status: $service_status, client exit status: $client_status"
-if [[ $service_status -ne 0 || $client_status -ne 0 ]]; then
+echo "service exit status: $service_status, client exit status: $client_status, gadget host exit status: $gadget_status"
+if [[ $service_status -ne 0 || $client_status -ne 0 || $gadget_status -ne 0 ]]; then
     echo "The demo FAILED; the framework's log lines are in $LOGS/." >&2
     exit 1
 fi
-echo "Both programs ended through their terminate paths. Read examples/demo_service.cpp
-and examples/demo_client.cpp next to the transcript above; the log files in
-$LOGS/ show the framework's side of the same conversation."
+echo "Every program ended through its terminate path. Read examples/demo_service.cpp,
+examples/demo_client.cpp and the gadget examples next to the transcript above;
+the log files in $LOGS/ show the framework's side of the same conversations."

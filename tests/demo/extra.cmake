@@ -12,3 +12,14 @@ if(HARVO_BUILD_EXAMPLES)
             $<TARGET_FILE:harvo-bus>)
     set_tests_properties(demo_conversation PROPERTIES LABELS unit TIMEOUT 120)
 endif()
+
+# The gadget example: a host embeds the C++ and the C gadget module, both
+# answer and both close, and the host ends with status 0.
+if(HARVO_BUILD_EXAMPLES)
+    add_test(NAME demo_gadgets
+        COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/gadget_demo_test.sh
+            $<TARGET_FILE:gadget_host>
+            $<TARGET_FILE_DIR:ug-hello_cpp>
+            ${CMAKE_CURRENT_BINARY_DIR}/gadget-demo-test)
+    set_tests_properties(demo_gadgets PROPERTIES LABELS unit TIMEOUT 90)
+endif()
