@@ -1,0 +1,791 @@
+/*
+ * harvo-bench: the framework against its substrate, side by side.
+ *
+ * Every row runs the framework case and its reference in the same process,
+ * alternating (framework, reference, framework, reference, ...), and prints
+ * the median of each and their cost ratio (framework / reference: above 1
+ * means the framework is slower). One table at the end.
+ *
+ * The framework's log lines are kept off standard error while measuring
+ * (dlog_host_set_stderr(0)): the lines are still formatted, so their cost
+ * is part of every framework figure, as on a device.
+ */
+#include <gio/gio.h>
+#include <glib.h>
+#include <json/json.h>
+#include <malloc.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TCEventIO.h"
+#include "TCMessage.h"
+#include "TCServer.h"
+#include "TCTask.h"
+#include "dlog-host.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double NowNs() {
+    return std::chrono::duration<double, std::nano>(Clock::now().time_since_epoch()).count();
+}
+
+double Median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+// One line of the final table.
+struct Row {
+    std::string name;
+    double framework;
+    double reference;
+    std::string unit;
+    std::string reference_name;
+    double target;  // highest acceptable cost ratio; 0: no target
+};
+std::vector<Row> g_rows;
+
+int g_reps = 5;
+
+// Runs |framework| and |reference| (each returns the cost of one operation)
+// alternately, after one warm-up each, and records the medians.
+void Compare(const std::string& name, const std::string& reference_name,
+             const std::function<double()>& framework, const std::function<double()>& reference,
+             double target, const std::string& unit = "ns/op") {
+    framework();
+    reference();
+    std::vector<double> f, r;
+    for (int i = 0; i < g_reps; ++i) {
+        f.push_back(framework());
+        r.push_back(reference());
+    }
+    g_rows.push_back({name, Median(f), Median(r), unit, reference_name, target});
+    std::fprintf(stdout, "  measured: %-34s %12.1f vs %12.1f %s\n", name.c_str(), Median(f),
+                 Median(r), unit.c_str());
+    std::fflush(stdout);
+}
+
+// ---------------------------------------------------------------------------
+// Producers throttled by a window: a producer never runs more than kWindow
+// events ahead of the consumer. The event queue's wake pipe holds 64 KiB;
+// a sender that fills it blocks inside the queue lock, which the loop then
+// never gets again. 4 x 2048 stays far below that. The reference is
+// throttled the same way so both measure the same pattern.
+constexpr int kMaxProducers = 4;
+constexpr uint32_t kWindow = 2048;
+constexpr uint32_t kNotifyEvery = 256;
+constexpr int kTypeBase = 1000;
+
+struct Progress {
+    std::atomic<uint32_t> handled[kMaxProducers];
+    uint32_t per_producer = 0;
+    std::mutex mutex;
+    std::condition_variable cv;
+
+    void Reset(uint32_t per) {
+        for (auto& h : handled)
+            h.store(0);
+        per_producer = per;
+    }
+    // Called on the consumer's thread for one event of |producer|.
+    void Handled(int producer) {
+        uint32_t n = handled[producer].load(std::memory_order_relaxed) + 1;
+        handled[producer].store(n, std::memory_order_release);
+        if (n % kNotifyEvery == 0 || n == per_producer) {
+            std::lock_guard<std::mutex> guard(mutex);
+            cv.notify_all();
+        }
+    }
+    void WaitBelowWindow(int producer, uint32_t sent) {
+        if (sent - handled[producer].load(std::memory_order_acquire) < kWindow)
+            return;
+        std::unique_lock<std::mutex> lock(mutex);
+        cv.wait(lock, [&] { return sent - handled[producer].load() < kWindow / 2; });
+    }
+    void WaitAll(int producers) {
+        std::unique_lock<std::mutex> lock(mutex);
+        cv.wait(lock, [&] {
+            for (int p = 0; p < producers; ++p)
+                if (handled[p].load() != per_producer)
+                    return false;
+            return true;
+        });
+    }
+};
+
+// A task that counts the user events it runs; an event of type kBlockType
+// holds the loop until Release (the memory row queues behind it).
+constexpr int kBlockType = 900;
+constexpr int kSyncType = 901;
+
+class BenchTask : public Quelt::TCTask {
+public:
+    BenchTask() : TCTask("bench") {}
+    Progress progress;
+    std::mutex block_mutex;
+    std::condition_variable block_cv;
+    bool blocked = false;
+    bool released = false;
+
+    void Release() {
+        std::lock_guard<std::mutex> guard(block_mutex);
+        released = true;
+        block_cv.notify_all();
+    }
+    void WaitBlocked() {
+        std::unique_lock<std::mutex> lock(block_mutex);
+        block_cv.wait(lock, [&] { return blocked; });
+    }
+
+protected:
+    bool t_OnMEvent(const Quelt::TCEvent* event) override {
+        if (event->type == kSyncType)
+            return true;
+        if (event->type == kBlockType) {
+            std::unique_lock<std::mutex> lock(block_mutex);
+            blocked = true;
+            block_cv.notify_all();
+            block_cv.wait(lock, [&] { return released; });
+            blocked = false;
+            released = false;
+            return true;
+        }
+        progress.Handled(event->type - kTypeBase);
+        return true;
+    }
+};
+
+// A plain GLib loop on its own thread and context: the reference consumer.
+class GlibLoopThread {
+public:
+    GlibLoopThread() {
+        context_ = g_main_context_new();
+        loop_ = g_main_loop_new(context_, FALSE);
+        thread_ = std::thread([this] {
+            g_main_context_push_thread_default(context_);
+            g_main_loop_run(loop_);
+            g_main_context_pop_thread_default(context_);
+        });
+        // Only once the loop owns the context does g_main_context_invoke
+        // queue instead of running the callback in the caller.
+        while (!g_main_loop_is_running(loop_))
+            std::this_thread::yield();
+    }
+    ~GlibLoopThread() {
+        g_main_loop_quit(loop_);
+        g_main_context_wakeup(context_);
+        thread_.join();
+        g_main_loop_unref(loop_);
+        g_main_context_unref(context_);
+    }
+    GMainContext* context() const { return context_; }
+    Progress progress;
+
+private:
+    GMainContext* context_;
+    GMainLoop* loop_;
+    std::thread thread_;
+};
+
+struct InvokeArg {
+    Progress* progress;
+    int producer;
+};
+
+gboolean CountInvoke(gpointer data) {
+    auto* arg = static_cast<InvokeArg*>(data);
+    arg->progress->Handled(arg->producer);
+    return G_SOURCE_REMOVE;
+}
+
+// Row 1: async post-to-dispatch throughput (cost per event).
+double AsyncFramework(BenchTask& task, int producers, uint32_t total) {
+    uint32_t per = total / producers;
+    task.progress.Reset(per);
+    double start = NowNs();
+    std::vector<std::thread> threads;
+    for (int p = 0; p < producers; ++p) {
+        threads.emplace_back([&task, p, per] {
+            Quelt::TCEvent event;
+            event.receiver = &task;
+            event.type = kTypeBase + p;
+            for (uint32_t i = 0; i < per; ++i) {
+                task.progress.WaitBelowWindow(p, i);
+                Quelt::TCEventIO::SendEvent(&event);
+            }
+        });
+    }
+    for (auto& t : threads)
+        t.join();
+    task.progress.WaitAll(producers);
+    return (NowNs() - start) / (per * producers);
+}
+
+double AsyncReference(GlibLoopThread& loop, int producers, uint32_t total) {
+    uint32_t per = total / producers;
+    loop.progress.Reset(per);
+    InvokeArg args[kMaxProducers];
+    double start = NowNs();
+    std::vector<std::thread> threads;
+    for (int p = 0; p < producers; ++p) {
+        args[p] = {&loop.progress, p};
+        threads.emplace_back([&loop, &args, p, per] {
+            for (uint32_t i = 0; i < per; ++i) {
+                loop.progress.WaitBelowWindow(p, i);
+                g_main_context_invoke(loop.context(), CountInvoke, &args[p]);
+            }
+        });
+    }
+    for (auto& t : threads)
+        t.join();
+    loop.progress.WaitAll(producers);
+    return (NowNs() - start) / (per * producers);
+}
+
+// Row 2: sync round trips.
+double SyncFramework(BenchTask& task, int n) {
+    Quelt::TCEvent event;
+    event.receiver = &task;
+    event.type = kSyncType;
+    double start = NowNs();
+    for (int i = 0; i < n; ++i)
+        Quelt::TCEventIO::SendSyncEvent(&event);
+    return (NowNs() - start) / n;
+}
+
+double PipePingPong(int n) {
+    int there[2], back[2];
+    if (pipe(there) != 0 || pipe(back) != 0)
+        std::abort();
+    std::thread echo([&] {
+        char c;
+        for (int i = 0; i < n; ++i) {
+            if (read(there[0], &c, 1) != 1 || write(back[1], &c, 1) != 1)
+                std::abort();
+        }
+    });
+    char c = 'x';
+    double start = NowNs();
+    for (int i = 0; i < n; ++i) {
+        if (write(there[1], &c, 1) != 1 || read(back[0], &c, 1) != 1)
+            std::abort();
+    }
+    double cost = (NowNs() - start) / n;
+    echo.join();
+    for (int fd : {there[0], there[1], back[0], back[1]})
+        close(fd);
+    return cost;
+}
+
+struct InvokeWait {
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool done = false;
+};
+
+gboolean SignalInvoke(gpointer data) {
+    auto* w = static_cast<InvokeWait*>(data);
+    std::lock_guard<std::mutex> guard(w->mutex);
+    w->done = true;
+    w->cv.notify_one();
+    return G_SOURCE_REMOVE;
+}
+
+double InvokeRoundTrip(GlibLoopThread& loop, int n) {
+    InvokeWait w;
+    double start = NowNs();
+    for (int i = 0; i < n; ++i) {
+        {
+            std::lock_guard<std::mutex> guard(w.mutex);
+            w.done = false;
+        }
+        g_main_context_invoke(loop.context(), SignalInvoke, &w);
+        std::unique_lock<std::mutex> lock(w.mutex);
+        w.cv.wait(lock, [&] { return w.done; });
+    }
+    return (NowNs() - start) / n;
+}
+
+// Row 3: in-process messages.
+class EchoServer : public Quelt::TCServer {
+public:
+    EchoServer(const std::string& name, Quelt::TCServerType type) : TCServer(name, type) {}
+    bool IfMessageReceived(const char*, const Quelt::TCMessage* message, Quelt::TCMessage* reply,
+                           const char*) override {
+        reply->m_value["echo"] = message->m_value["v"];
+        reply->m_code = message->m_code + 1;
+        return true;
+    }
+    // Enters |server| in this process's registry without a bus: an
+    // in-process sync send is a direct call and needs nothing else.
+    static void Register(TCServer* server) { m_CreatedDbusServers[server->GetName()] = server; }
+    static void Unregister(const std::string& name) { m_CreatedDbusServers.erase(name); }
+};
+
+// A type outside 0..2: a registry entry without bus name or object.
+const Quelt::TCServerType kLocalType = static_cast<Quelt::TCServerType>(7);
+
+Quelt::TCMessage MakeMessage() {
+    Quelt::TCMessage message;
+    message.m_type = "ask";
+    message.m_code = 3;
+    message.SetMessage("{\"v\":7,\"city\":\"Seoul\",\"days\":[1,2,3]}");
+    const unsigned char buffer[64] = {1, 2, 3};
+    message.SetBuffer(buffer, sizeof(buffer));
+    return message;
+}
+
+double InProcFramework(EchoServer& sender, int n) {
+    Quelt::TCMessage message = MakeMessage();
+    double start = NowNs();
+    for (int i = 0; i < n; ++i) {
+        Quelt::TCMessage reply;
+        if (!sender.SendMessage("bench_receiver", &message, true, &reply, -1))
+            std::abort();
+    }
+    return (NowNs() - start) / n;
+}
+
+double InProcReference(EchoServer& receiver, int n) {
+    Quelt::TCMessage message = MakeMessage();
+    double start = NowNs();
+    for (int i = 0; i < n; ++i) {
+        Quelt::TCMessage reply;
+        Quelt::TCMessage copy(message);
+        receiver.IfMessageReceived("bench_sender", &copy, &reply, nullptr);
+        reply.Generate();
+    }
+    return (NowNs() - start) / n;
+}
+
+// Row 6: message bodies.
+std::string MakeBody() {
+    Json::Value root;
+    root["city"] = "Seoul";
+    root["station"] = 47108;
+    for (int d = 0; d < 16; ++d) {
+        Json::Value day;
+        day["day"] = d;
+        day["sky"] = d % 2 ? "sunny" : "cloudy";
+        day["celsius"] = 10.5 + d;
+        day["wind"]["speed"] = 3 + d;
+        day["wind"]["dir"] = "NW";
+        root["days"].append(day);
+    }
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, root);
+}
+
+template <typename F>
+double PerOp(int n, F&& f) {
+    double start = NowNs();
+    for (int i = 0; i < n; ++i)
+        f();
+    return (NowNs() - start) / n;
+}
+
+volatile size_t g_sink;
+
+// Row 7: memory.
+size_t HeapInUse() {
+    return mallinfo2().uordblks;
+}
+
+long RssKiB() {
+    long pages = 0, resident = 0;
+    FILE* f = std::fopen("/proc/self/statm", "r");
+    if (f != nullptr) {
+        if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2)
+            resident = 0;
+        std::fclose(f);
+    }
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// Row 4: bus messages to a peer process (harvo-bench-peer) on a private bus.
+struct Peer {
+    GPid pid = 0;
+    int input = -1;
+};
+
+bool StartPeer(Peer& peer) {
+    char* argv[] = {const_cast<char*>(HARVO_BENCH_PEER), nullptr};
+    int output = -1;
+    GError* error = nullptr;
+    if (!g_spawn_async_with_pipes(nullptr, argv, nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr,
+                                  nullptr, &peer.pid, &peer.input, &output, nullptr, &error)) {
+        std::fprintf(stderr, "peer: %s\n", error->message);
+        g_error_free(error);
+        return false;
+    }
+    char line[16] = {0};
+    FILE* f = fdopen(output, "r");
+    bool ready = f != nullptr && std::fgets(line, sizeof(line), f) != nullptr &&
+                 std::strncmp(line, "ready", 5) == 0;
+    if (f != nullptr)
+        std::fclose(f);
+    return ready;
+}
+
+void StopPeer(Peer& peer) {
+    if (peer.input >= 0)
+        close(peer.input);  // the peer quits when its standard input closes
+    if (peer.pid != 0) {
+        int status = 0;
+        waitpid(peer.pid, &status, 0);
+        g_spawn_close_pid(peer.pid);
+    }
+}
+
+// A compact JSON body of exactly |size| bytes: {"d":"xxx..."}.
+std::string BodyOfSize(size_t size) {
+    return "{\"d\":\"" + std::string(size - 8, 'x') + "\"}";
+}
+
+double BusFramework(Quelt::TCServer& client, const Quelt::TCMessage& message, int n) {
+    double start = NowNs();
+    for (int i = 0; i < n; ++i) {
+        Quelt::TCMessage reply;
+        if (!client.SendMessage("bench_fwk", &message, true, &reply, -1))
+            std::abort();
+    }
+    return (NowNs() - start) / n;
+}
+
+// The same call written against GDBus: same argument values and bytes,
+// reply unpacked into strings and a copied buffer.
+double BusReference(GDBusConnection* connection, const Quelt::TCMessage& message, int n) {
+    const char* method = message.m_size != 0 ? "SendMessageWithBuffer" : "SendMessage";
+    double start = NowNs();
+    for (int i = 0; i < n; ++i) {
+        GVariant* payload;
+        if (message.m_size != 0)
+            payload =
+                g_variant_new("(suss@a*)", "bench_client", message.m_code, message.m_type.c_str(),
+                              message.m_message.c_str(),
+                              g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), message.m_buffer,
+                                                      message.m_size, TRUE, nullptr, nullptr));
+        else
+            payload = g_variant_new("(suss)", "bench_client", message.m_code,
+                                    message.m_type.c_str(), message.m_message.c_str());
+        GError* error = nullptr;
+        GVariant* answer = g_dbus_connection_call_sync(
+            connection, "bench_raw.message", "/bench_raw/message", "bench_raw.message", method,
+            payload, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+        if (answer == nullptr) {
+            std::fprintf(stderr, "raw call: %s\n", error->message);
+            std::abort();
+        }
+        const char *from, *type, *text;
+        guint32 code;
+        GVariant* buffer;
+        g_variant_get(answer, "(&su&s&s@a*)", &from, &code, &type, &text, &buffer);
+        std::string f(from), t(type), m(text);
+        gsize size = g_variant_get_size(buffer);
+        std::vector<unsigned char> bytes(
+            static_cast<const unsigned char*>(g_variant_get_data(buffer)),
+            static_cast<const unsigned char*>(g_variant_get_data(buffer)) + size);
+        g_sink = f.size() + t.size() + m.size() + bytes.size() + code;
+        g_variant_unref(buffer);
+        g_variant_unref(answer);
+    }
+    return (NowNs() - start) / n;
+}
+
+void BusRows(bool quick) {
+    if (g_getenv("DBUS_SYSTEM_BUS_ADDRESS") == nullptr) {
+        std::printf(
+            "  (bus rows skipped: DBUS_SYSTEM_BUS_ADDRESS not set; run under "
+            "scripts/private-bus.sh)\n");
+        return;
+    }
+    Peer peer;
+    if (!StartPeer(peer)) {
+        std::printf("  (bus rows skipped: the peer did not start)\n");
+        StopPeer(peer);
+        return;
+    }
+    Quelt::TCServer client("bench_client", Quelt::SERVER_TYPE_PROXY);
+    GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (!client.CreateDBusProxy() || connection == nullptr) {
+        std::printf("  (bus rows skipped: no bus connection)\n");
+        StopPeer(peer);
+        return;
+    }
+    const int n = quick ? 100 : 400;
+    struct Case {
+        const char* name;
+        size_t body;
+        size_t buffer;
+    } cases[] = {{"4a. bus sync message, 64 B body", 64, 0},
+                 {"4b. bus sync message, 4 KiB body", 4096, 0},
+                 {"4c. bus sync message, 64 KiB body", 65536, 0},
+                 {"4d. bus sync message, 64 KiB buffer", 64, 65536}};
+    for (const Case& c : cases) {
+        Quelt::TCMessage message;
+        message.m_type = "echo";
+        message.m_code = 3;
+        message.SetMessage(BodyOfSize(c.body));
+        if (c.buffer != 0) {
+            std::vector<unsigned char> bytes(c.buffer, 0x5a);
+            message.SetBuffer(bytes.data(), bytes.size());
+        }
+        // A buffer travels as an array of one-byte structures: far slower
+        // per byte than a string, so the buffer case runs fewer calls.
+        const int calls = c.buffer != 0 ? std::max(2, n / 40) : n;
+        Compare(
+            c.name, "g_dbus_connection_call_sync, raw echo object",
+            [&] { return BusFramework(client, message, calls); },
+            [&] { return BusReference(connection, message, calls); }, 1.05);
+    }
+    client.CloseDBusProxy();
+    g_object_unref(connection);
+    StopPeer(peer);
+}
+
+void PrintTable() {
+    std::printf("\n%-36s %14s %14s %-8s %7s %8s  %s\n", "row", "framework", "reference", "unit",
+                "ratio", "target", "reference is");
+    std::printf("%s\n", std::string(130, '-').c_str());
+    for (const Row& r : g_rows) {
+        double ratio = r.reference > 0 ? r.framework / r.reference : 0;
+        char target[32] = "-";
+        if (r.target > 0)
+            std::snprintf(target, sizeof(target), "<=%.2f%s", r.target,
+                          ratio <= r.target ? "" : " MISS");
+        std::printf("%-36s %14.1f %14.1f %-8s %7.2f %8s  %s\n", r.name.c_str(), r.framework,
+                    r.reference, r.unit.c_str(), ratio, target, r.reference_name.c_str());
+    }
+    std::printf(
+        "\nratio = framework / reference (cost; above 1 = framework slower). "
+        "Medians of %d alternating repetitions.\n",
+        g_reps);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+    if (quick)
+        g_reps = 3;
+    const uint32_t kAsyncEvents = quick ? 20000 : 100000;
+    const int kSync = quick ? 5000 : 20000;
+    const int kInProc = quick ? 20000 : 100000;
+    const int kBody = quick ? 2000 : 10000;
+
+    dlog_host_set_stderr(0);
+
+    BenchTask task;
+    if (!task.Create("bench", true, 0)) {
+        std::fprintf(stderr, "task create failed\n");
+        return 1;
+    }
+    {
+        GlibLoopThread loop;
+
+        // 1. Async events.
+        for (int producers : {1, 4}) {
+            std::string name = "1. async events, " + std::to_string(producers) + " producer" +
+                               (producers > 1 ? "s" : "");
+            Compare(
+                name, "g_main_context_invoke, GLib loop thread",
+                [&] { return AsyncFramework(task, producers, kAsyncEvents); },
+                [&] { return AsyncReference(loop, producers, kAsyncEvents); }, 2.0, "ns/event");
+        }
+
+        // 2. Sync events.
+        Compare(
+            "2a. SendSyncEvent round trip", "pipe ping-pong, two threads (floor)",
+            [&] { return SyncFramework(task, kSync); }, [&] { return PipePingPong(kSync); }, 1.15);
+        Compare(
+            "2b. SendSyncEvent round trip", "g_main_context_invoke + cond. variable",
+            [&] { return SyncFramework(task, kSync); },
+            [&] { return InvokeRoundTrip(loop, kSync); }, 0);
+    }
+
+    // 3. In-process messages.
+    EchoServer receiver("bench_receiver", kLocalType);
+    EchoServer sender("bench_sender", kLocalType);
+    EchoServer::Register(&receiver);
+    EchoServer::Register(&sender);
+    Compare(
+        "3. in-process sync SendMessage", "handler called with a copied TCMessage",
+        [&] { return InProcFramework(sender, kInProc); },
+        [&] { return InProcReference(receiver, kInProc); }, 0);
+
+    // 4. Bus messages.
+    BusRows(quick);
+
+    // 6. Message bodies.
+    const std::string body = MakeBody();
+    Json::CharReaderBuilder reader_builder;
+    std::unique_ptr<Json::CharReader> reader(reader_builder.newCharReader());
+    Json::StreamWriterBuilder writer_builder;
+    writer_builder["indentation"] = "";
+    Quelt::TCData parsed(body);
+    Json::Value tree = parsed.m_value;
+    Compare(
+        "6a. body parse (" + std::to_string(body.size()) + " B)", "Json::CharReader::parse",
+        [&] {
+            return PerOp(kBody, [&] {
+                Quelt::TCData d(body);
+                g_sink = d.m_value.size();
+            });
+        },
+        [&] {
+            return PerOp(kBody, [&] {
+                Json::Value v;
+                std::string errors;
+                reader->parse(body.data(), body.data() + body.size(), &v, &errors);
+                g_sink = v.size();
+            });
+        },
+        1.5);
+    Compare(
+        "6b. body generate", "Json::writeString, compact",
+        [&] {
+            return PerOp(kBody, [&] {
+                Quelt::TCData d;
+                d.m_value = tree;
+                d.Generate();
+                g_sink = d.m_message.size();
+            });
+        },
+        [&] {
+            return PerOp(kBody, [&] {
+                Json::Value v = tree;
+                std::string s = Json::writeString(writer_builder, v);
+                g_sink = s.size();
+            });
+        },
+        1.5);
+    Compare(
+        "6c. body copy (TCData copy ctor)", "copy Json::Value + text",
+        [&] {
+            return PerOp(kBody, [&] {
+                Quelt::TCData d(parsed);
+                g_sink = d.m_message.size();
+            });
+        },
+        [&] {
+            return PerOp(kBody, [&] {
+                Json::Value v = parsed.m_value;
+                std::string s = parsed.m_message;
+                g_sink = s.size() + v.size();
+            });
+        },
+        1.5);
+
+    // 7. Memory.
+    {
+        // Bytes per queued event: hold the task's loop, queue events behind
+        // it, read the allocator's in-use bytes before and after.
+        const uint32_t kQueued = 10000;  // wake bytes stay far below the pipe's 64 KiB
+        Quelt::TCEvent block;
+        block.receiver = &task;
+        block.type = kBlockType;
+        Quelt::TCEventIO::SendEvent(&block);
+        task.WaitBlocked();
+        task.progress.Reset(kQueued);
+        size_t before = HeapInUse();
+        Quelt::TCEvent event;
+        event.receiver = &task;
+        event.type = kTypeBase;
+        for (uint32_t i = 0; i < kQueued; ++i)
+            Quelt::TCEventIO::SendEvent(&event);
+        double per_event = double(HeapInUse() - before) / kQueued;
+        task.Release();
+        task.progress.WaitAll(1);
+
+        // The same for g_main_context_invoke: a loop held inside a callback.
+        GlibLoopThread loop;
+        InvokeWait held;
+        bool release = false;
+        std::mutex m;
+        std::condition_variable cv;
+        struct Hold {
+            InvokeWait* held;
+            bool* release;
+            std::mutex* m;
+            std::condition_variable* cv;
+        } hold{&held, &release, &m, &cv};
+        g_main_context_invoke(
+            loop.context(),
+            [](gpointer data) -> gboolean {
+                auto* h = static_cast<Hold*>(data);
+                SignalInvoke(h->held);
+                std::unique_lock<std::mutex> lock(*h->m);
+                h->cv->wait(lock, [&] { return *h->release; });
+                return G_SOURCE_REMOVE;
+            },
+            &hold);
+        {
+            std::unique_lock<std::mutex> lock(held.mutex);
+            held.cv.wait(lock, [&] { return held.done; });
+        }
+        loop.progress.Reset(kQueued);
+        InvokeArg arg{&loop.progress, 0};
+        before = HeapInUse();
+        for (uint32_t i = 0; i < kQueued; ++i)
+            g_main_context_invoke(loop.context(), CountInvoke, &arg);
+        double per_invoke = double(HeapInUse() - before) / kQueued;
+        {
+            std::lock_guard<std::mutex> guard(m);
+            release = true;
+            cv.notify_all();
+        }
+        loop.progress.WaitAll(1);
+        g_rows.push_back({"7a. heap bytes per queued event", per_event, per_invoke, "B",
+                          "per queued g_main_context_invoke", 0});
+
+        // Bytes per created endpoint: construction plus registry entry.
+        const int kEndpoints = 1000;
+        std::vector<EchoServer*> endpoints;
+        endpoints.reserve(kEndpoints);
+        before = HeapInUse();
+        for (int i = 0; i < kEndpoints; ++i) {
+            auto* s = new EchoServer("bench_endpoint_" + std::to_string(i), kLocalType);
+            EchoServer::Register(s);
+            endpoints.push_back(s);
+        }
+        double per_endpoint = double(HeapInUse() - before) / kEndpoints;
+        for (EchoServer* s : endpoints) {
+            EchoServer::Unregister(s->GetName());
+            delete s;
+        }
+        g_rows.push_back({"7b. heap bytes per endpoint", per_endpoint, 0, "B",
+                          "(none: framework figure only)", 0});
+
+        // Resident memory across a million in-process messages.
+        const int kFirst = 1000, kTotal = quick ? 200000 : 1000000;
+        InProcFramework(sender, kFirst);
+        long rss_first = RssKiB();
+        InProcFramework(sender, kTotal - kFirst);
+        long rss_total = RssKiB();
+        g_rows.push_back({"7c. RSS after " + std::to_string(kTotal) + " msgs", double(rss_total),
+                          double(rss_first), "KiB", "RSS after 1000 messages (flat: 1.00)", 1.02});
+    }
+
+    EchoServer::Unregister("bench_receiver");
+    EchoServer::Unregister("bench_sender");
+    task.Destroy();
+    PrintTable();
+    return 0;
+}
