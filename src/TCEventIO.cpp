@@ -66,6 +66,21 @@ std::string ReadEndpointName(const Json::Value& body, const char* key) {
     return name.isString() ? name.asString() : std::string();
 }
 
+// What |out| = |queued| gives, for a queued copy that is destroyed right
+// after: the bodies' text and tree are moved instead of copied (the
+// assignment leaves the error text of |out| alone, and so does this).
+void TakeQueuedEvent(TCEvent* out, TCEvent* queued) {
+    out->receiver = queued->receiver;
+    out->type = queued->type;
+    out->deleted = queued->deleted;
+    out->data.m_message.swap(queued->data.m_message);
+    out->data.m_value.swap(queued->data.m_value);
+    out->message.m_message.swap(queued->message.m_message);
+    out->message.m_value.swap(queued->message.m_value);
+    out->sync = queued->sync;
+    out->param.p = queued->param.p;
+}
+
 // The event IO that serves |event|'s receiver.
 TCEventIO* ServingIO(const TCEvent* event) {
     return event->receiver->GetEventIO();
@@ -246,7 +261,7 @@ bool TCEventIO::m_Get(TCEvent* event, TCEvent** syncOut, unsigned long timeout) 
     if (front->sync) {
         *syncOut = front;  // the sender's own object: not ours to destroy
     } else {
-        *event = *front;
+        TakeQueuedEvent(event, front);
         delete front;
     }
     m_Lock.Unlock();

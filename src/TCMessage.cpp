@@ -5,6 +5,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <sstream>
 
 #include "QueltLog.h"
 
@@ -14,10 +15,35 @@ namespace {
 
 const char kTreeOnlyWarning[] = "<<WARN: JSON TYPE MESSAGE, GENERATE STRING FIRST>>";
 
+// JsonCpp's builders turn their settings into a tree on every construction,
+// which costs more than parsing or writing a small body. Each thread keeps
+// one reader and one compact writer, made once from the default settings;
+// neither may be shared between threads, and neither keeps state from one
+// use to the next.
+Json::CharReader& ThreadReader() {
+    thread_local std::unique_ptr<Json::CharReader> reader(
+        Json::CharReaderBuilder().newCharReader());
+    return *reader;
+}
+
 std::string WriteCompact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";  // one line, no indentation, no line breaks
-    return Json::writeString(builder, value);
+    struct CompactWriter {
+        CompactWriter() {
+            Json::StreamWriterBuilder builder;
+            builder["indentation"] = "";  // one line, no indentation, no line breaks
+            writer.reset(builder.newStreamWriter());
+        }
+        std::unique_ptr<Json::StreamWriter> writer;
+        std::ostringstream out;
+    };
+    thread_local CompactWriter compact;
+    compact.out.str(std::string());
+    compact.out.clear();
+    compact.writer->write(value, &compact.out);
+    std::string text = compact.out.str();
+    // A large body would otherwise stay allocated by the thread's stream.
+    compact.out.str(std::string());
+    return text;
 }
 
 unsigned char* DuplicateBytes(const unsigned char* bytes, unsigned int size) {
@@ -41,8 +67,11 @@ TCData::TCData(const std::string& message) : m_message(message) {
     Parse();
 }
 
-TCData::TCData(const TCData& other) : m_message(other.m_message), m_value(other.m_value) {
-    Generate();
+TCData::TCData(const TCData& other) : m_value(other.m_value) {
+    // What Generate would leave: the tree's compact text, or the other's
+    // text when the tree is empty. The text is not copied only to be
+    // overwritten.
+    m_message = m_value.empty() ? other.m_message : WriteCompact(m_value);
 }
 
 TCData& TCData::operator=(const TCData& other) {
@@ -60,15 +89,14 @@ bool TCData::Parse() {
     if (!m_value.empty())
         return true;
 
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::CharReader& reader = ThreadReader();
     std::string errors;
     bool parsed = false;
     const char* begin = m_message.data();
     try {
         // The whole text, to its length: embedded NUL bytes are the reader's
         // business, not a terminator.
-        parsed = reader->parse(begin, begin + m_message.size(), &m_value, &errors);
+        parsed = reader.parse(begin, begin + m_message.size(), &m_value, &errors);
     } catch (const std::exception& e) {
         // The reader throws on input beyond its limits (nesting depth);
         // the framework reports that like any other parse failure.

@@ -29,31 +29,51 @@ LogState& State() {
     return *state;
 }
 
-std::string FormatV(const char* fmt, va_list args) {
-    va_list copy;
-    va_copy(copy, args);
-    char small[512];
-    int needed = std::vsnprintf(small, sizeof(small), fmt, copy);
-    va_end(copy);
-    if (needed < 0)
-        return std::string();
-    if (static_cast<size_t>(needed) < sizeof(small))
-        return std::string(small, needed);
-    std::string text(static_cast<size_t>(needed), '\0');
-    std::vsnprintf(&text[0], text.size() + 1, fmt, args);
-    return text;
+// A formatted line: |size| bytes at |text|, followed by a NUL byte.
+struct Line {
+    const char* text;
+    size_t size;
+};
+
+// The thread's format buffer. It keeps its largest size, so a line that fits
+// is formatted in one pass: a too-small first pass costs as much as the
+// formatting itself, which shows with long message bodies. A line logged
+// after the buffer is gone (from a destructor that runs later at thread
+// exit) is formatted into a buffer of its own.
+struct FormatBuffer {
+    std::string text = std::string(512, '\0');
+    ~FormatBuffer();
+};
+thread_local bool t_bufferGone = false;  // trivially destructible: always readable
+FormatBuffer::~FormatBuffer() {
+    t_bufferGone = true;
 }
 
-void WriteStderr(int prio, const char* tag, const std::string& text) {
+// Formats into |buffer|. The line stays valid until |buffer| changes.
+Line FormatInto(std::string& buffer, const char* fmt, va_list args) {
+    va_list copy;
+    va_copy(copy, args);
+    int needed = std::vsnprintf(&buffer[0], buffer.size() + 1, fmt, copy);
+    va_end(copy);
+    if (needed < 0)
+        return {"", 0};
+    if (static_cast<size_t>(needed) > buffer.size()) {
+        buffer.resize(static_cast<size_t>(needed));
+        std::vsnprintf(&buffer[0], buffer.size() + 1, fmt, args);
+    }
+    return {buffer.data(), static_cast<size_t>(needed)};
+}
+
+void WriteStderr(int prio, const char* tag, const Line& text) {
     std::string line;
-    line.reserve(text.size() + 32);
+    line.reserve(text.size + 32);
     line += dlog_host_priority_letter(prio);
     line += '/';
     line += tag;
     line += '(';
     line += std::to_string(static_cast<long>(getpid()));
     line += "): ";
-    line += text;
+    line.append(text.text, text.size);
     if (line.empty() || line.back() != '\n')
         line += '\n';
     // One write per line so concurrent processes sharing stderr stay readable.
@@ -66,18 +86,26 @@ void WriteStderr(int prio, const char* tag, const std::string& text) {
 extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...) {
     if (tag == nullptr || fmt == nullptr)
         return -EINVAL;
+    std::string ownBuffer;
+    std::string* buffer = &ownBuffer;
+    if (!t_bufferGone) {
+        thread_local FormatBuffer threadBuffer;
+        buffer = &threadBuffer.text;
+    } else {
+        ownBuffer.resize(512);
+    }
     va_list args;
     va_start(args, fmt);
-    std::string text = FormatV(fmt, args);
+    Line text = FormatInto(*buffer, fmt, args);
     va_end(args);
 
     LogState& state = State();
     std::lock_guard<std::mutex> guard(state.lock);
     if (state.sink != nullptr)
-        state.sink(log_id, prio, tag, text.c_str(), state.sink_data);
+        state.sink(log_id, prio, tag, text.text, state.sink_data);
     if (state.to_stderr)
         WriteStderr(prio, tag, text);
-    return static_cast<int>(text.size());
+    return static_cast<int>(text.size);
 }
 
 extern "C" void dlog_host_set_sink(dlog_host_sink_cb sink, void* user_data) {

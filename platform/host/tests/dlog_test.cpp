@@ -177,6 +177,54 @@ TEST(HostDlog, LongLinesAreFormattedWhole) {
     }
 }
 
+TEST(HostDlog, ShortLineAfterALongOneIsWhole) {
+    // The thread formats into a buffer that keeps its largest size: nothing
+    // of the long line may show in the short one.
+    SinkRecorder recorder;
+    testing::internal::CaptureStderr();
+    std::string payload(70000, 'q');
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "%s", payload.c_str());
+    int written = __dlog_print(LOG_ID_MAIN, DLOG_WARN, "T", "short %d", 5);
+    __dlog_print(LOG_ID_MAIN, DLOG_WARN, "T", "%s", "");
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(7, written);
+    ASSERT_EQ(3u, recorder.Lines().size());
+    EXPECT_EQ(payload, recorder.Lines()[0].text);
+    EXPECT_EQ("short 5", recorder.Lines()[1].text);
+    EXPECT_EQ("", recorder.Lines()[2].text);
+    std::vector<std::string> lines = SplitLines(err);
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_EQ("W/T(" + Pid() + "): short 5", lines[1]);
+    EXPECT_EQ("W/T(" + Pid() + "): ", lines[2]);
+}
+
+namespace {
+
+// Logs from its destructor, which runs at thread exit.
+struct LogsWhenDestroyed {
+    std::string text;
+    ~LogsWhenDestroyed() { __dlog_print(LOG_ID_MAIN, DLOG_ERROR, "T", "bye %s", text.c_str()); }
+};
+
+}  // namespace
+
+TEST(HostDlog, LinesFromThreadExitDestructorsAreWhole) {
+    // The object is made before the thread's first line, so it is destroyed
+    // after the thread's format buffer: its line is formatted elsewhere.
+    SinkRecorder recorder;
+    std::thread worker([] {
+        thread_local LogsWhenDestroyed last;
+        last.text = std::string(600, 'w');
+        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "hello %d", 1);
+    });
+    worker.join();
+    std::vector<Captured> lines = recorder.Lines();
+    ASSERT_EQ(2u, lines.size());
+    EXPECT_EQ("hello 1", lines[0].text);
+    EXPECT_EQ(DLOG_ERROR, lines[1].prio);
+    EXPECT_EQ("bye " + std::string(600, 'w'), lines[1].text);
+}
+
 TEST(HostDlog, ConcurrentWritersProduceWholeLines) {
     constexpr int kThreads = 4;
     constexpr int kLines = 300;
