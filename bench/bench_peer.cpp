@@ -7,6 +7,14 @@
  *  - "bench_raw.message": a bare GDBus object with the same interface and
  *    the same five-field reply, written directly against GDBus.
  * Prints "ready" once both answer; quits when its standard input closes.
+ *
+ * The signal row's other end: on the command line "signals fwk" the
+ * endpoint "bench_fwk" subscribes to "ping" of "bench_sig" with the
+ * framework and answers each with the framework's "pong"; on "signals raw"
+ * the same is done directly with GDBus (same interface, path, member and
+ * payload bytes); "signals off" cancels both. Only one side listens at a
+ * time, since both match the same signal. Each command is answered with
+ * "ok" once the bus has taken the new match rules in.
  */
 #include <gio/gio.h>
 #include <glib.h>
@@ -81,9 +89,90 @@ void RawMethod(GDBusConnection*, const gchar*, const gchar*, const gchar*, const
 
 const GDBusInterfaceVTable kRawVTable = {RawMethod, nullptr, nullptr, {nullptr}};
 
-gboolean OnStdin(GIOChannel*, GIOCondition, gpointer loop) {
-    g_main_loop_quit(static_cast<GMainLoop*>(loop));
-    return G_SOURCE_REMOVE;
+// The signal row: "ping" from the bench's endpoint, "pong" from ours.
+const char kPingFrom[] = "bench_sig";
+const char kPingInterface[] = "bench_sig.message";
+const char kPongPath[] = "/bench_fwk/message";
+const char kPongInterface[] = "bench_fwk.message";
+
+// The framework's answer: the received message goes back as it came.
+void OnFrameworkPing(const char*, const char*, Quelt::TCMessage* message, void* server) {
+    static_cast<Quelt::TCServer*>(server)->SendSignal("pong", message);
+}
+
+// The same answer written against GDBus: the fields read and emitted again
+// with our endpoint's name as from, the bytes the framework sends.
+void OnRawPing(GDBusConnection* connection, const gchar*, const gchar*, const gchar*, const gchar*,
+               GVariant* parameters, gpointer) {
+    if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(suss)")))
+        return;
+    const char *from, *type, *text;
+    guint32 code;
+    g_variant_get(parameters, "(&su&s&s)", &from, &code, &type, &text);
+    g_dbus_connection_emit_signal(connection, nullptr, kPongPath, kPongInterface, "pong",
+                                  g_variant_new("(suss)", "bench_fwk", code, type, text), nullptr);
+}
+
+struct PeerState {
+    GMainLoop* loop;
+    GDBusConnection* connection;
+    EchoServer* server;
+    guint raw_ping = 0;  // raw subscription id, 0 when none
+};
+
+void SignalsOff(PeerState* state) {
+    state->server->UnSubscribeSignal(kPingFrom, "ping");
+    if (state->raw_ping != 0) {
+        g_dbus_connection_signal_unsubscribe(state->connection, state->raw_ping);
+        state->raw_ping = 0;
+    }
+}
+
+// A round trip to the bus daemon: it handles one connection's messages in
+// order, so our earlier AddMatch/RemoveMatch are in force once it answers.
+void FlushToDaemon(GDBusConnection* connection) {
+    GVariant* answer = g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetId", nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    if (answer != nullptr)
+        g_variant_unref(answer);
+}
+
+bool RunCommand(PeerState* state, const std::string& command) {
+    SignalsOff(state);
+    if (command == "signals fwk") {
+        if (!state->server->SubscribeSignal(kPingFrom, "ping", OnFrameworkPing, state->server))
+            return false;
+    } else if (command == "signals raw") {
+        state->raw_ping = g_dbus_connection_signal_subscribe(
+            state->connection, nullptr, kPingInterface, "ping", nullptr, nullptr,
+            G_DBUS_SIGNAL_FLAGS_NONE, OnRawPing, nullptr, nullptr);
+        if (state->raw_ping == 0)
+            return false;
+    } else if (command != "signals off") {
+        return false;
+    }
+    FlushToDaemon(state->connection);
+    return true;
+}
+
+// One command per line; end of input (or an error) ends the peer.
+gboolean OnStdin(GIOChannel* input, GIOCondition, gpointer data) {
+    auto* state = static_cast<PeerState*>(data);
+    gchar* line = nullptr;
+    gsize terminator = 0;
+    if (g_io_channel_read_line(input, &line, nullptr, &terminator, nullptr) != G_IO_STATUS_NORMAL ||
+        line == nullptr) {
+        g_free(line);
+        g_main_loop_quit(state->loop);
+        return G_SOURCE_REMOVE;
+    }
+    line[terminator] = '\0';
+    const bool done = RunCommand(state, line);
+    g_free(line);
+    std::printf("%s\n", done ? "ok" : "failed");
+    std::fflush(stdout);
+    return G_SOURCE_CONTINUE;
 }
 
 }  // namespace
@@ -117,12 +206,14 @@ int main() {
         return 1;
     }
 
+    PeerState state{loop, connection, &server};
     GIOChannel* input = g_io_channel_unix_new(0);
-    g_io_add_watch(input, GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR), OnStdin, loop);
+    g_io_add_watch(input, GIOCondition(G_IO_IN | G_IO_HUP | G_IO_ERR), OnStdin, &state);
     std::printf("ready\n");
     std::fflush(stdout);
     g_main_loop_run(loop);
 
+    SignalsOff(&state);
     server.CloseDBusServer();
     g_io_channel_unref(input);
     g_dbus_node_info_unref(node);

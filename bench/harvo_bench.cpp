@@ -34,6 +34,7 @@
 #include "TCEventIO.h"
 #include "TCMessage.h"
 #include "TCServer.h"
+#include "TCServerHelper.h"
 #include "TCTask.h"
 #include "dlog-host.h"
 
@@ -423,6 +424,7 @@ long RssKiB() {
 struct Peer {
     GPid pid = 0;
     int input = -1;
+    FILE* output = nullptr;  // the peer's standard output: "ready", then one "ok" per command
 };
 
 bool StartPeer(Peer& peer) {
@@ -436,17 +438,26 @@ bool StartPeer(Peer& peer) {
         return false;
     }
     char line[16] = {0};
-    FILE* f = fdopen(output, "r");
-    bool ready = f != nullptr && std::fgets(line, sizeof(line), f) != nullptr &&
-                 std::strncmp(line, "ready", 5) == 0;
-    if (f != nullptr)
-        std::fclose(f);
-    return ready;
+    peer.output = fdopen(output, "r");
+    return peer.output != nullptr && std::fgets(line, sizeof(line), peer.output) != nullptr &&
+           std::strncmp(line, "ready", 5) == 0;
+}
+
+// Sends one command line to the peer and waits for its "ok".
+bool PeerCommand(Peer& peer, const char* command) {
+    std::string line = std::string(command) + "\n";
+    if (write(peer.input, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+        return false;
+    char answer[16] = {0};
+    return std::fgets(answer, sizeof(answer), peer.output) != nullptr &&
+           std::strncmp(answer, "ok", 2) == 0;
 }
 
 void StopPeer(Peer& peer) {
     if (peer.input >= 0)
         close(peer.input);  // the peer quits when its standard input closes
+    if (peer.output != nullptr)
+        std::fclose(peer.output);
     if (peer.pid != 0) {
         int status = 0;
         waitpid(peer.pid, &status, 0);
@@ -509,6 +520,182 @@ double BusReference(GDBusConnection* connection, const Quelt::TCMessage& message
     return (NowNs() - start) / n;
 }
 
+// Row 5: signals across processes, as a ping-pong. This process emits
+// "ping" on its endpoint "bench_sig"; the peer's callback answers with
+// "pong" on its endpoint "bench_fwk"; our callback, on the signal loop
+// thread, wakes the emitter. One figure is one whole round trip: two
+// emissions, two deliveries, no cross-process clock.
+//
+// Framework and reference use the same names, interfaces, object paths,
+// members and payload bytes, so only one side may be subscribed at a time
+// (in both processes): each run subscribes its own side first and cancels
+// it afterwards, outside the timed loop.
+const char kSigServer[] = "bench_sig";
+const char kSigInterface[] = "bench_sig.message";
+const char kSigPath[] = "/bench_sig/message";
+const char kPeerServer[] = "bench_fwk";
+const char kPeerInterface[] = "bench_fwk.message";
+
+// The body as the framework puts it on the wire: a message copy
+// regenerates its JSON text (members in key order, compact), so the
+// reference sends the text in that form too.
+const char kSigBody[] = "{\"city\":\"Seoul\",\"days\":[1,2,3],\"v\":7}";
+const char kSigType[] = "ping";
+const guint32 kSigCode = 3;
+
+// Counts the pongs that arrived; the emitter waits for the next one.
+struct PongWait {
+    std::mutex mutex;
+    std::condition_variable cv;
+    uint64_t arrived = 0;
+
+    void Arrived() {
+        std::lock_guard<std::mutex> guard(mutex);
+        ++arrived;
+        cv.notify_one();
+    }
+    void WaitFor(uint64_t count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        // The limit only turns a lost signal into an error instead of a hang.
+        if (!cv.wait_for(lock, std::chrono::seconds(10), [&] { return arrived >= count; })) {
+            std::fprintf(stderr, "signal row: no pong within 10 s\n");
+            std::abort();
+        }
+    }
+};
+
+// Runs |fn| on |context|'s loop thread and waits for it: subscriptions
+// deliver on the thread-default context of the thread that subscribes.
+void RunOn(GMainContext* context, const std::function<void()>& fn) {
+    struct Call {
+        const std::function<void()>* fn;
+        InvokeWait done;
+    } call{&fn, {}};
+    g_main_context_invoke(
+        context,
+        [](gpointer data) -> gboolean {
+            auto* c = static_cast<Call*>(data);
+            (*c->fn)();
+            SignalInvoke(&c->done);
+            return G_SOURCE_REMOVE;
+        },
+        &call);
+    std::unique_lock<std::mutex> lock(call.done.mutex);
+    call.done.cv.wait(lock, [&] { return call.done.done; });
+}
+
+void OnFrameworkPong(const char*, const char*, Quelt::TCMessage* message, void* data) {
+    g_sink = message->m_message.size();
+    static_cast<PongWait*>(data)->Arrived();
+}
+
+// The reference callback takes the fields into strings, as the framework
+// hands its callback a decoded message.
+void OnRawPong(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+               GVariant* parameters, gpointer data) {
+    if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(suss)")))
+        return;
+    const char *from, *type, *text;
+    guint32 code;
+    g_variant_get(parameters, "(&su&s&s)", &from, &code, &type, &text);
+    std::string f(from), t(type), m(text);
+    g_sink = f.size() + t.size() + m.size() + code;
+    static_cast<PongWait*>(data)->Arrived();
+}
+
+double SignalFramework(Peer& peer, GMainContext* loop, Quelt::TCServer& server, int n) {
+    PongWait wait;
+    if (!PeerCommand(peer, "signals fwk"))
+        std::abort();
+    bool subscribed = false;
+    RunOn(loop, [&] {
+        subscribed = server.SubscribeSignal(kPeerServer, "pong", OnFrameworkPong, &wait);
+    });
+    if (!subscribed)
+        std::abort();
+    Quelt::TCMessage message;
+    message.m_type = kSigType;
+    message.m_code = kSigCode;
+    message.SetMessage(kSigBody);
+    double start = NowNs();
+    for (int i = 0; i < n; ++i) {
+        if (!server.SendSignal("ping", &message))
+            std::abort();
+        wait.WaitFor(i + 1);
+    }
+    double cost = (NowNs() - start) / n;
+    RunOn(loop, [&] { server.UnSubscribeSignal(kPeerServer, "pong"); });
+    return cost;
+}
+
+double SignalReference(Peer& peer, GMainContext* loop, GDBusConnection* connection, int n) {
+    PongWait wait;
+    if (!PeerCommand(peer, "signals raw"))
+        std::abort();
+    guint id = 0;
+    RunOn(loop, [&] {
+        id = g_dbus_connection_signal_subscribe(connection, nullptr, kPeerInterface, "pong",
+                                                nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+                                                OnRawPong, &wait, nullptr);
+    });
+    if (id == 0)
+        std::abort();
+    double start = NowNs();
+    for (int i = 0; i < n; ++i) {
+        GError* error = nullptr;
+        if (!g_dbus_connection_emit_signal(
+                connection, nullptr, kSigPath, kSigInterface, "ping",
+                g_variant_new("(suss)", kSigServer, kSigCode, kSigType, kSigBody), &error)) {
+            std::fprintf(stderr, "raw emit: %s\n", error->message);
+            std::abort();
+        }
+        wait.WaitFor(i + 1);
+    }
+    double cost = (NowNs() - start) / n;
+    RunOn(loop, [&] { g_dbus_connection_signal_unsubscribe(connection, id); });
+    return cost;
+}
+
+void SignalRow(Peer& peer, GDBusConnection* connection, bool quick) {
+    GlibLoopThread loop;
+    // An application endpoint: emission needs an object path and an
+    // interface of our own. Created on the loop thread so that its name
+    // callbacks run there too.
+    Quelt::TCServer server(kSigServer, Quelt::SERVER_TYPE_APP);
+    bool created = false;
+    RunOn(loop.context(), [&] { created = server.CreateDBusServer(); });
+    if (!created) {
+        std::printf("  (row 5 skipped: the signal endpoint was not created)\n");
+        RunOn(loop.context(), [&] { server.CloseDBusServer(); });  // what a failed create left
+        return;
+    }
+    // The round trip time drifts with the machine's load by more than the
+    // difference we look for, so one repetition alternates short batches
+    // of the two sides (in the order F R R F F R ...) and yields both
+    // figures; the reference's is handed over to the second function.
+    const int batches = quick ? 4 : 20, per_batch = 25;
+    double reference = 0;
+    auto paired = [&] {
+        double framework = 0;
+        reference = 0;
+        for (int b = 0; b < batches; ++b) {
+            if (b % 2 == 0)
+                framework += SignalFramework(peer, loop.context(), server, per_batch);
+            reference += SignalReference(peer, loop.context(), connection, per_batch);
+            if (b % 2 == 1)
+                framework += SignalFramework(peer, loop.context(), server, per_batch);
+        }
+        reference /= batches;
+        return framework / batches;
+    };
+    Compare(
+        "5. signal ping-pong round trip", "g_dbus_connection_emit_signal + signal_subscribe",
+        paired, [&] { return reference; }, 1.05, "ns/rtt");
+    if (!PeerCommand(peer, "signals off"))
+        std::abort();
+    RunOn(loop.context(), [&] { server.CloseDBusServer(); });
+}
+
 void BusRows(bool quick) {
     if (g_getenv("DBUS_SYSTEM_BUS_ADDRESS") == nullptr) {
         std::printf(
@@ -555,9 +742,168 @@ void BusRows(bool quick) {
             [&] { return BusFramework(client, message, calls); },
             [&] { return BusReference(connection, message, calls); }, 1.05);
     }
+
+    // 5. Signals.
+    SignalRow(peer, connection, quick);
+
     client.CloseDBusProxy();
     g_object_unref(connection);
     StopPeer(peer);
+}
+
+// Row 7b: heap bytes per endpoint on the bus. The framework's endpoint is
+// a gadget-type TCServer (several may live in one process) after
+// CreateDBusServer: object, registry entry, owned bus name, parsed
+// interface description and exported object. The reference is the same
+// endpoint written against GDBus: the same bus name owned with the same
+// flags, the same interface description parsed and the object exported
+// at the same path.
+const char kEndpointXml[] =
+    "<node>"
+    "<interface name='%s'>"
+    "<method name='SendMessage'>"
+    "<arg type='s' name='from' direction='in'/>"
+    "<arg type='u' name='code' direction='in'/>"
+    "<arg type='s' name='type' direction='in'/>"
+    "<arg type='s' name='message' direction='in'/>"
+    "<arg type='s' name='from' direction='out'/>"
+    "<arg type='u' name='code' direction='out'/>"
+    "<arg type='s' name='type' direction='out'/>"
+    "<arg type='s' name='message' direction='out'/>"
+    "<arg type='a*' name='buffer' direction='out'/>"
+    "</method>"
+    "<method name='SendMessageWithBuffer'>"
+    "<arg type='s' name='from' direction='in'/>"
+    "<arg type='u' name='code' direction='in'/>"
+    "<arg type='s' name='type' direction='in'/>"
+    "<arg type='s' name='message' direction='in'/>"
+    "<arg type='a*' name='buffer' direction='in'/>"
+    "<arg type='s' name='from' direction='out'/>"
+    "<arg type='u' name='code' direction='out'/>"
+    "<arg type='s' name='type' direction='out'/>"
+    "<arg type='s' name='message' direction='out'/>"
+    "<arg type='a*' name='buffer' direction='out'/>"
+    "</method>"
+    "</interface>"
+    "</node>";
+
+void RawEndpointMethod(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+                       GVariant*, GDBusMethodInvocation* invocation, gpointer) {
+    g_dbus_method_invocation_return_error_literal(invocation, G_DBUS_ERROR,
+                                                  G_DBUS_ERROR_NOT_SUPPORTED, "bench");
+}
+
+const GDBusInterfaceVTable kRawEndpointVTable = {RawEndpointMethod, nullptr, nullptr, {nullptr}};
+
+// The allocator's in-use bytes once the bus traffic of what came before
+// has settled: a round trip to the daemon (it answers one connection in
+// order, so earlier replies and signals have reached us), then every
+// callback they queued on this thread's context. Twice: the name callbacks
+// of the first pass may emit signals of their own.
+size_t SettledHeap(GDBusConnection* connection) {
+    for (int pass = 0; pass < 2; ++pass) {
+        GVariant* answer = g_dbus_connection_call_sync(
+            connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "GetId", nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+        if (answer != nullptr)
+            g_variant_unref(answer);
+        while (g_main_context_iteration(nullptr, FALSE)) {
+        }
+    }
+    return HeapInUse();
+}
+
+double Grown(size_t before, size_t after, int n) {
+    return (static_cast<double>(after) - static_cast<double>(before)) / n;
+}
+
+double EndpointsFramework(GDBusConnection* connection, int n) {
+    std::vector<Quelt::TCServer*> servers;
+    servers.reserve(n);
+    size_t before = SettledHeap(connection);
+    for (int i = 0; i < n; ++i) {
+        auto* server =
+            new Quelt::TCServer("bench_ep_" + std::to_string(i), Quelt::SERVER_TYPE_GADGET);
+        if (!server->CreateDBusServer())
+            std::abort();
+        servers.push_back(server);
+    }
+    size_t after = SettledHeap(connection);
+    for (Quelt::TCServer* server : servers) {
+        server->CloseDBusServer();
+        delete server;
+    }
+    SettledHeap(connection);
+    return Grown(before, after, n);
+}
+
+struct RawEndpoint {
+    guint owner;
+    guint registration;
+    GDBusNodeInfo* node;
+};
+
+// |names| are the bus names the framework's endpoints take (made before
+// measuring); the object path follows from each as the framework derives it.
+double EndpointsReference(GDBusConnection* connection, const std::vector<std::string>& names) {
+    const int n = static_cast<int>(names.size());
+    std::vector<RawEndpoint> endpoints;
+    endpoints.reserve(n);
+    size_t before = SettledHeap(connection);
+    for (const std::string& name : names) {
+        char xml[2048];
+        std::snprintf(xml, sizeof(xml), kEndpointXml, name.c_str());
+        RawEndpoint e{0, 0, g_dbus_node_info_new_for_xml(xml, nullptr)};
+        if (e.node == nullptr)
+            std::abort();
+        e.owner = g_bus_own_name_on_connection(
+            connection, name.c_str(),
+            GBusNameOwnerFlags(G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT |
+                               G_BUS_NAME_OWNER_FLAGS_REPLACE),
+            nullptr, nullptr, nullptr, nullptr);
+        std::string path = "/" + name;
+        std::replace(path.begin(), path.end(), '.', '/');
+        e.registration =
+            g_dbus_connection_register_object(connection, path.c_str(), e.node->interfaces[0],
+                                              &kRawEndpointVTable, nullptr, nullptr, nullptr);
+        if (e.owner == 0 || e.registration == 0)
+            std::abort();
+        endpoints.push_back(e);
+    }
+    size_t after = SettledHeap(connection);
+    for (const RawEndpoint& e : endpoints) {
+        g_bus_unown_name(e.owner);
+        g_dbus_connection_unregister_object(connection, e.registration);
+        g_dbus_node_info_unref(e.node);
+    }
+    SettledHeap(connection);
+    return Grown(before, after, n);
+}
+
+void EndpointRow(bool quick) {
+    GDBusConnection* connection = nullptr;
+    if (g_getenv("DBUS_SYSTEM_BUS_ADDRESS") != nullptr)
+        connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (connection == nullptr) {
+        std::printf("  (row 7b skipped: no private bus)\n");
+        return;
+    }
+    const int n = quick ? 50 : 200;
+    // A gadget endpoint's bus name: the application's name (here, without
+    // an application, the executable's), its own name, ".message"; made legal.
+    std::string prefix;
+    Quelt::TCServerHelper::GetProcessName(prefix);
+    std::vector<std::string> names;
+    for (int i = 0; i < n; ++i) {
+        std::string name = prefix + ".bench_ep_" + std::to_string(i) + ".message";
+        Quelt::TCServerHelper::FormatDBusName(name);
+        names.push_back(name);
+    }
+    Compare(
+        "7b. heap bytes per bus endpoint", "own name + node info + register_object",
+        [&] { return EndpointsFramework(connection, n); },
+        [&] { return EndpointsReference(connection, names); }, 0, "B");
+    g_object_unref(connection);
 }
 
 void PrintTable() {
@@ -755,23 +1101,8 @@ int main(int argc, char** argv) {
         g_rows.push_back({"7a. heap bytes per queued event", per_event, per_invoke, "B",
                           "per queued g_main_context_invoke", 0});
 
-        // Bytes per created endpoint: construction plus registry entry.
-        const int kEndpoints = 1000;
-        std::vector<EchoServer*> endpoints;
-        endpoints.reserve(kEndpoints);
-        before = HeapInUse();
-        for (int i = 0; i < kEndpoints; ++i) {
-            auto* s = new EchoServer("bench_endpoint_" + std::to_string(i), kLocalType);
-            EchoServer::Register(s);
-            endpoints.push_back(s);
-        }
-        double per_endpoint = double(HeapInUse() - before) / kEndpoints;
-        for (EchoServer* s : endpoints) {
-            EchoServer::Unregister(s->GetName());
-            delete s;
-        }
-        g_rows.push_back({"7b. heap bytes per endpoint", per_endpoint, 0, "B",
-                          "(none: framework figure only)", 0});
+        // Bytes per endpoint on the bus.
+        EndpointRow(quick);
 
         // Resident memory across a million in-process messages.
         const int kFirst = 1000, kTotal = quick ? 200000 : 1000000;

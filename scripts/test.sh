@@ -7,6 +7,8 @@
 #                                every test but the slow ones
 #   3. Tsan       (build-tsan/)  ThreadSanitizer, the threaded suites
 #                                (events, tasks, alarms, locks, bus)
+#   4. Bench      (build-bench/) the bench command's short run: the table
+#                                must come out whole
 #
 # Usage: scripts/test.sh [--quick] [--no-sanitizers]
 #   --quick           Debug only, slow tests skipped
@@ -190,6 +192,34 @@ if [[ $sanitizers -eq 1 ]]; then
             FAILED_STAGES+=("tsan build")
             SUMMARY+=("tsan:  build failed")
         fi
+    fi
+fi
+
+# ---------------------------------------------------------------------------
+# The README's bench command, in its short form: proves on every full run that
+# it builds and prints the whole table. The figures themselves are not
+# judged here (one short run on a shared machine).
+if [[ $sanitizers -eq 1 ]]; then
+    banner "Bench smoke run (scripts/bench.sh --quick, Release in $PREFIX/build-bench)"
+    bench_log="$PREFIX/bench-smoke.log"
+    HARVO_BUILD_PREFIX="$PREFIX" bash "$ROOT/scripts/bench.sh" --quick 2>&1 | tee "$bench_log"
+    bench_rc=${PIPESTATUS[0]}
+    bench_rows=(
+        "1. async events, 1 producer" "1. async events, 4 producers" "2a. SendSyncEvent"
+        "2b. SendSyncEvent" "3. in-process sync SendMessage" "4a. bus sync message"
+        "4b. bus sync message" "4c. bus sync message" "4d. bus sync message"
+        "5. signal ping-pong" "6a. body parse" "6b. body generate" "6c. body copy"
+        "7a. heap bytes per queued event" "7b. heap bytes per bus endpoint" "7c. RSS after")
+    missing=()
+    for row in "${bench_rows[@]}"; do
+        # A table row: the name followed by two figures.
+        grep -qE "^${row//./\\.}.* [0-9]+\.[0-9] +[0-9]+\.[0-9] " "$bench_log" || missing+=("$row")
+    done
+    if [[ $bench_rc -eq 0 && ${#missing[@]} -eq 0 ]]; then
+        SUMMARY+=("bench: table printed, all ${#bench_rows[@]} rows")
+    else
+        SUMMARY+=("bench: exit $bench_rc, rows missing: ${missing[*]:-none}")
+        FAILED_STAGES+=("bench")
     fi
 fi
 
