@@ -2,19 +2,19 @@
 # The main job: installs the dependencies, builds harvo-fw and its examples
 # (RelWithDebInfo, in build-demo/) and runs the demo:
 #
-#   part 1  the building blocks, one small program each (foundation_demo,
+#   act 1  the building blocks, one small program each (foundation_demo,
 #           event_core), narration and framework log lines interleaved;
-#   part 2  a service and a client talking over a private system bus
+#   act 2  a service and a client talking over a private system bus
 #           (demo_service, demo_client): a transcript of both on standard
 #           output, their framework log lines in files under build-demo/;
-#   part 3  UI gadgets: a host application embeds a gadget written in C++
+#   act 3  UI gadgets: a host application embeds a gadget written in C++
 #           and one written in C (gadget_host, libug-hello_cpp.so,
 #           libug-hello_c.so); its log lines in a file under build-demo/.
 #
-# Exits 0 only when both programs of part 2 and the host of part 3 ended
+# Exits 0 only when both programs of act 2 and the host of act 3 ended
 # with status 0.
 #
-# Usage: scripts/demo.sh [--bus-only]     (--bus-only: skip part 1)
+# Usage: scripts/demo.sh [--bus-only]     (--bus-only: skip act 1)
 #
 # Environment:
 #   HARVO_BUILD_PREFIX  directory that holds build-demo/ (default: the repository root)
@@ -71,24 +71,24 @@ run_example() {
 }
 
 if [[ $BUS_ONLY -eq 0 ]]; then
-    run_example foundation_demo "Part 1a. Foundation: log lines, locks and the message record" \
+    run_example foundation_demo "Act 1a. Foundation: log lines, locks and the message record" \
 "examples/foundation_demo.cpp walks through the building blocks every harvo-fw
 process uses: the framework's log line, the recursive TCMutex, and TCMessage
 with its JSON body and optional byte buffer."
 
-    run_example event_core "Part 1b. Event core: events, tasks and alarms" \
+    run_example event_core "Act 1b. Event core: events, tasks and alarms" \
 "examples/event_core.cpp shows the event core at work: events posted from one
 thread and handled on another, worker tasks with their own main loops, alarms."
 fi
 
-# Part 2: the service and the client, each in its own process, on a private
+# Act 2: the service and the client, each in its own process, on a private
 # system bus that stops when this script ends.
 SERVICE="$BUILD/examples/demo_service"
 CLIENT="$BUILD/examples/demo_client"
 LOGS="$BUILD/demo-logs"
 mkdir -p "$LOGS"
 
-banner "Part 2. A service and a client talking over the bus"
+banner "Act 2. A service and a client talking over the bus"
 echo "Two processes, each with one application object run by Quelt::AppMain:
 
   [service]  examples/demo_service.cpp: a TCDaemonService named \"weather\".
@@ -123,9 +123,9 @@ fi
 service_status=0
 wait "$service_pid" || service_status=$?
 
-# Part 3: UI gadgets, one process (no bus needed): the host loads both
+# Act 3: UI gadgets, one process (no bus needed): the host loads both
 # gadget modules from its own directory.
-banner "Part 3. UI gadgets: a host and two gadgets"
+banner "Act 3. UI gadgets: a host and two gadgets"
 echo "One UI application embeds two UI gadgets, shared objects it loads by name:
 
   [host]        examples/gadget_host.cpp: one TCGadgetProxy per gadget. It
