@@ -31,6 +31,7 @@
 #include <thread>
 #include <vector>
 
+#include "BusInterface.h"
 #include "TCEventIO.h"
 #include "TCMessage.h"
 #include "TCServer.h"
@@ -758,34 +759,6 @@ void BusRows(bool quick) {
 // endpoint written against GDBus: the same bus name owned with the same
 // flags, the same interface description parsed and the object exported
 // at the same path.
-const char kEndpointXml[] =
-    "<node>"
-    "<interface name='%s'>"
-    "<method name='SendMessage'>"
-    "<arg type='s' name='from' direction='in'/>"
-    "<arg type='u' name='code' direction='in'/>"
-    "<arg type='s' name='type' direction='in'/>"
-    "<arg type='s' name='message' direction='in'/>"
-    "<arg type='s' name='from' direction='out'/>"
-    "<arg type='u' name='code' direction='out'/>"
-    "<arg type='s' name='type' direction='out'/>"
-    "<arg type='s' name='message' direction='out'/>"
-    "<arg type='a*' name='buffer' direction='out'/>"
-    "</method>"
-    "<method name='SendMessageWithBuffer'>"
-    "<arg type='s' name='from' direction='in'/>"
-    "<arg type='u' name='code' direction='in'/>"
-    "<arg type='s' name='type' direction='in'/>"
-    "<arg type='s' name='message' direction='in'/>"
-    "<arg type='a*' name='buffer' direction='in'/>"
-    "<arg type='s' name='from' direction='out'/>"
-    "<arg type='u' name='code' direction='out'/>"
-    "<arg type='s' name='type' direction='out'/>"
-    "<arg type='s' name='message' direction='out'/>"
-    "<arg type='a*' name='buffer' direction='out'/>"
-    "</method>"
-    "</interface>"
-    "</node>";
 
 void RawEndpointMethod(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
                        GVariant*, GDBusMethodInvocation* invocation, gpointer) {
@@ -851,8 +824,8 @@ double EndpointsReference(GDBusConnection* connection, const std::vector<std::st
     endpoints.reserve(n);
     size_t before = SettledHeap(connection);
     for (const std::string& name : names) {
-        char xml[2048];
-        std::snprintf(xml, sizeof(xml), kEndpointXml, name.c_str());
+        char xml[Quelt::detail::kInterfaceXmlSize];
+        std::snprintf(xml, sizeof(xml), Quelt::detail::kInterfaceXml, name.c_str());
         RawEndpoint e{0, 0, g_dbus_node_info_new_for_xml(xml, nullptr)};
         if (e.node == nullptr)
             std::abort();

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "BusInterface.h"
 #include "QueltLog.h"
 #include "TCServerHelper.h"
 
@@ -16,40 +17,6 @@ namespace Quelt {
 std::map<std::string, TCServer*> TCServer::m_CreatedDbusServers;
 
 namespace {
-
-// The message interface; formatted with the bus name as interface name.
-// The buffer is declared with the indefinite array type so that any array
-// passes GDBus's argument check; it carries an array of one-byte structures.
-const char kInterfaceXml[] =
-    "<node>"
-    "<interface name='%s'>"
-    "<method name='SendMessage'>"
-    "<arg type='s' name='from' direction='in'/>"
-    "<arg type='u' name='code' direction='in'/>"
-    "<arg type='s' name='type' direction='in'/>"
-    "<arg type='s' name='message' direction='in'/>"
-    "<arg type='s' name='from' direction='out'/>"
-    "<arg type='u' name='code' direction='out'/>"
-    "<arg type='s' name='type' direction='out'/>"
-    "<arg type='s' name='message' direction='out'/>"
-    "<arg type='a*' name='buffer' direction='out'/>"
-    "</method>"
-    "<method name='SendMessageWithBuffer'>"
-    "<arg type='s' name='from' direction='in'/>"
-    "<arg type='u' name='code' direction='in'/>"
-    "<arg type='s' name='type' direction='in'/>"
-    "<arg type='s' name='message' direction='in'/>"
-    "<arg type='a*' name='buffer' direction='in'/>"
-    "<arg type='s' name='from' direction='out'/>"
-    "<arg type='u' name='code' direction='out'/>"
-    "<arg type='s' name='type' direction='out'/>"
-    "<arg type='s' name='message' direction='out'/>"
-    "<arg type='a*' name='buffer' direction='out'/>"
-    "</method>"
-    "</interface>"
-    "</node>";
-
-const size_t kInterfaceXmlSize = 2048;
 
 // Allow-replacement and replace: a restarted service takes its name back
 // from a stale owner.
@@ -221,8 +188,8 @@ bool TCServer::m_OwnName() {
 bool TCServer::m_ExportObject() {
     m_objectPath = TCServerHelper::GetObjectPath(m_busName);
     if (m_nodeInfo == nullptr) {
-        char xml[kInterfaceXmlSize];
-        snprintf(xml, sizeof(xml), kInterfaceXml, m_busName.c_str());
+        char xml[detail::kInterfaceXmlSize];
+        snprintf(xml, sizeof(xml), detail::kInterfaceXml, m_busName.c_str());
         m_nodeInfo = g_dbus_node_info_new_for_xml(xml, nullptr);
         if (m_nodeInfo == nullptr) {
             QLOGE("parse interface xml fail!");
