@@ -86,13 +86,11 @@ void WriteStderr(int prio, const char* tag, const Line& text) {
 extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...) {
     if (tag == nullptr || fmt == nullptr)
         return -EINVAL;
-    std::string ownBuffer;
+    std::string ownBuffer;  // grows to the line's size when used
     std::string* buffer = &ownBuffer;
     if (!t_bufferGone) {
         thread_local FormatBuffer threadBuffer;
         buffer = &threadBuffer.text;
-    } else {
-        ownBuffer.resize(512);
     }
     va_list args;
     va_start(args, fmt);
