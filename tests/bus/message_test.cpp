@@ -727,17 +727,23 @@ void ForwardToNotify(GObject* source, GAsyncResult* result, gpointer data) {
     TCServerTestPeer::PendingCallNotify(source, result, static_cast<TCServer*>(data));
 }
 
+// A bus connection of this process besides the framework's own; null on
+// failure. The caller closes and unrefs it.
+GDBusConnection* NewSecondConnection() {
+    return g_dbus_connection_new_for_address_sync(
+        getenv("DBUS_SYSTEM_BUS_ADDRESS"),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+}
+
 TEST(PendingCallNotify, AReplyOnAnotherConnectionIsStillDelivered) {
     RecordingServer client("client", SERVER_TYPE_APP);
     ASSERT_TRUE(client.CreateDBusServer());
     CloseAtExit closer(client);
     PeerProcess peer({"serve", "peer"});
     ASSERT_TRUE(StartServingPeer(peer));
-    GDBusConnection* other = g_dbus_connection_new_for_address_sync(
-        getenv("DBUS_SYSTEM_BUS_ADDRESS"),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
+    GDBusConnection* other = NewSecondConnection();
     ASSERT_NE(other, nullptr);
     LogCapture capture;
     g_dbus_connection_call(other, "peer.message", "/peer/message", "peer.message", "SendMessage",
@@ -759,11 +765,7 @@ TEST(PendingCallNotify, AClosedConnectionStopsDelivery) {
     CloseAtExit closer(client);
     PeerProcess peer({"serve", "peer"});
     ASSERT_TRUE(StartServingPeer(peer));
-    GDBusConnection* other = g_dbus_connection_new_for_address_sync(
-        getenv("DBUS_SYSTEM_BUS_ADDRESS"),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
+    GDBusConnection* other = NewSecondConnection();
     ASSERT_NE(other, nullptr);
     LogCapture capture;
     // The peer holds the call; the connection closes before the reply.
