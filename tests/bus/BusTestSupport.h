@@ -23,6 +23,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "LogCapture.h"
@@ -92,6 +93,36 @@ using std::chrono::milliseconds;
 
 // Generous: a loaded machine (sanitizers, two cores) is slow.
 const milliseconds kLimit(20000);
+
+// Holds |server|'s close lock on another thread, as a closing server does,
+// from construction until Release (or destruction).
+class HeldCloseLock {
+public:
+    explicit HeldCloseLock(TCServer& server) {
+        held_.Create(0);
+        release_.Create(0);
+        thread_ = std::thread([this, &server] {
+            TCServerTestPeer::CloseLock(server).Lock();
+            held_.Give();
+            release_.Take();
+            TCServerTestPeer::CloseLock(server).Unlock();
+        });
+        held_.Take();
+    }
+    ~HeldCloseLock() { Release(); }
+    void Release() {
+        if (!thread_.joinable())
+            return;
+        release_.Give();
+        thread_.join();
+        held_.Destroy();
+        release_.Destroy();
+    }
+
+private:
+    Quelt::TCSemaphore held_, release_;
+    std::thread thread_;
+};
 
 // Iterates the thread-default main context (the default one when none is
 // pushed) until |done| holds or |limit| passes. A short timer keeps the

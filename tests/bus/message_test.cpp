@@ -22,6 +22,7 @@ namespace {
 using harvo_bus_test::BufferOf;
 using harvo_bus_test::CloseAtExit;
 using harvo_bus_test::CountPrefix;
+using harvo_bus_test::HeldCloseLock;
 using harvo_bus_test::IndexOf;
 using harvo_bus_test::kLimit;
 using harvo_bus_test::MakeMessage;
@@ -377,16 +378,7 @@ TEST(MessageRefusals, ASendDuringCloseIsRefused) {
     ASSERT_TRUE(sender.CreateDBusServer());
     CloseAtExit closer(sender);
     // Another thread holds the close lock, as a closing server does.
-    Quelt::TCSemaphore held, release;
-    held.Create(0);
-    release.Create(0);
-    std::thread closing([&] {
-        TCServerTestPeer::CloseLock(sender).Lock();
-        held.Give();
-        release.Take();
-        TCServerTestPeer::CloseLock(sender).Unlock();
-    });
-    held.Take();
+    HeldCloseLock closing(sender);
     LogCapture capture;
     TCMessage message = MakeMessage("echo", 1, "{}");
     TCMessage reply;
@@ -395,10 +387,7 @@ TEST(MessageRefusals, ASendDuringCloseIsRefused) {
     EXPECT_EQ(capture.CountFramework(DLOG_ERROR, "Server is going to be closed!"), 2u);
     EXPECT_EQ(CountPrefix(capture, DLOG_INFO, "send message to"), 0u);
     EXPECT_EQ(TCServerTestPeer::SendCount(sender), 0);
-    release.Give();
-    closing.join();
-    held.Destroy();
-    release.Destroy();
+    closing.Release();
 }
 
 // ---------------------------------------------------------------------------

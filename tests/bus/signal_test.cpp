@@ -20,6 +20,7 @@ namespace {
 
 using harvo_bus_test::CloseAtExit;
 using harvo_bus_test::CountPrefix;
+using harvo_bus_test::HeldCloseLock;
 using harvo_bus_test::MakeMessage;
 using harvo_bus_test::PeerProcess;
 using harvo_bus_test::PumpForLog;
@@ -484,24 +485,12 @@ TEST(SignalRefusals, EmittingWhileTheCloseLockIsHeld) {
     RecordingServer app("app", SERVER_TYPE_APP);
     ASSERT_TRUE(app.CreateDBusServer());
     CloseAtExit closer(app);
-    Quelt::TCSemaphore held, release;
-    held.Create(0);
-    release.Create(0);
-    std::thread closing([&] {
-        TCServerTestPeer::CloseLock(app).Lock();
-        held.Give();
-        release.Take();
-        TCServerTestPeer::CloseLock(app).Unlock();
-    });
-    held.Take();
+    HeldCloseLock closing(app);
     LogCapture capture;
     EXPECT_FALSE(app.SendSignal("ping", nullptr));
     EXPECT_TRUE(capture.HasFramework(DLOG_ERROR, "Server is going to be closed!"));
     EXPECT_EQ(CountPrefix(capture, DLOG_DEBUG, "Send signal"), 0u);
-    release.Give();
-    closing.join();
-    held.Destroy();
-    release.Destroy();
+    closing.Release();
     EXPECT_TRUE(app.SendSignal("ping", nullptr));
 }
 
