@@ -6,6 +6,7 @@
 #include <app_control-host.h>
 #include <app_control.h>
 #include <dlog.h>
+#include <gtest/gtest.h>
 #include <ui-gadget-host.h>
 #include <ui-gadget-module.h>
 #include <ui-gadget.h>
@@ -53,6 +54,17 @@ inline app_control_h Control(std::initializer_list<std::pair<const char*, const 
 }
 
 // A host proxy that records its hooks and answers the gadget's questions.
+// Every gadget test loads the test modules and starts with no trace and
+// ends with no gadget.
+class GadgetFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ug_host_set_module_path(GADGET_TEST_MODULE_DIR);
+        Traces().clear();
+    }
+    void TearDown() override { ug_destroy_all(); }
+};
+
 class RecordingProxy : public Quelt::TCGadgetProxy {
 public:
     void t_OnLayoutReady(ui_gadget_s*, ug_mode mode) override {

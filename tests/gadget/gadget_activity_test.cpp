@@ -23,13 +23,8 @@ const char kMode[] = "__CORE_GADGET_MODE__";
 const char kType[] = "__CORE_GADGET_TYPE__";
 const char kInfo[] = "__CORE_GADGET_INFO__";
 
-class GadgetActivityTest : public ::testing::Test {
+class GadgetActivityTest : public gadget_test::GadgetFixture {
 protected:
-    void SetUp() override {
-        ug_host_set_module_path(GADGET_TEST_MODULE_DIR);
-        Traces().clear();
-    }
-    void TearDown() override { ug_destroy_all(); }
     LogCapture capture_;
 };
 

@@ -20,13 +20,8 @@ namespace {
 auto* const kBus =
     ::testing::AddGlobalTestEnvironment(new harvo_test::PrivateBusEnvironment(HARVO_BUS_CONFIG));
 
-class GadgetBusTest : public ::testing::Test {
+class GadgetBusTest : public gadget_test::GadgetFixture {
 protected:
-    void SetUp() override {
-        ug_host_set_module_path(GADGET_TEST_MODULE_DIR);
-        Traces().clear();
-    }
-    void TearDown() override { ug_destroy_all(); }
     // A gadget's endpoint name on the bus carries the process's name.
     static std::string Endpoint(const char* gadget) {
         std::string process;

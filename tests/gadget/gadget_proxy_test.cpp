@@ -17,13 +17,8 @@ using Quelt::TCMessage;
 
 namespace {
 
-class GadgetProxyTest : public ::testing::Test {
+class GadgetProxyTest : public gadget_test::GadgetFixture {
 protected:
-    void SetUp() override {
-        ug_host_set_module_path(GADGET_TEST_MODULE_DIR);
-        Traces().clear();
-    }
-    void TearDown() override { ug_destroy_all(); }
     LogCapture capture_;
 };
 

@@ -21,13 +21,8 @@ using Quelt::TCWrapperGadgetActivity;
 
 namespace {
 
-class PelxGadgetTest : public ::testing::Test {
+class PelxGadgetTest : public gadget_test::GadgetFixture {
 protected:
-    void SetUp() override {
-        ug_host_set_module_path(GADGET_TEST_MODULE_DIR);
-        Traces().clear();
-    }
-    void TearDown() override { ug_destroy_all(); }
     LogCapture capture_;
 };
 
