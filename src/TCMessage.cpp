@@ -17,13 +17,24 @@ const char kTreeOnlyWarning[] = "<<WARN: JSON TYPE MESSAGE, GENERATE STRING FIRS
 
 // JsonCpp's builders turn their settings into a tree on every construction,
 // which costs more than parsing or writing a small body. Each thread keeps
-// one reader and one compact writer, made once from the default settings;
-// neither may be shared between threads, and neither keeps state from one
-// use to the next.
+// one reader and one compact writer, made once; neither may be shared
+// between threads, and neither keeps state from one use to the next.
+//
+// Comments: the reader accepts them in incoming text but does not keep
+// them in the tree, and the writer never writes any. A kept "//" comment
+// would be written before the closing brace of the one-line text, where it
+// swallows the brace and leaves text that no JSON reader accepts.
 Json::CharReader& ThreadReader() {
-    thread_local std::unique_ptr<Json::CharReader> reader(
-        Json::CharReaderBuilder().newCharReader());
-    return *reader;
+    struct CommentDroppingReader {
+        CommentDroppingReader() {
+            Json::CharReaderBuilder builder;
+            builder["collectComments"] = false;
+            reader.reset(builder.newCharReader());
+        }
+        std::unique_ptr<Json::CharReader> reader;
+    };
+    thread_local CommentDroppingReader parsing;
+    return *parsing.reader;
 }
 
 std::string WriteCompact(const Json::Value& value) {
@@ -31,6 +42,8 @@ std::string WriteCompact(const Json::Value& value) {
         CompactWriter() {
             Json::StreamWriterBuilder builder;
             builder["indentation"] = "";  // one line, no indentation, no line breaks
+            // A tree filled by the application may carry comments of its own.
+            builder["commentStyle"] = "None";
             writer.reset(builder.newStreamWriter());
         }
         std::unique_ptr<Json::StreamWriter> writer;
