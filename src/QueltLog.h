@@ -44,6 +44,13 @@ constexpr const char* BaseName(const char* path) {
                  ::Quelt::detail::BaseName(__FILE__), __func__, __LINE__,    \
                  ::Quelt::GetProjectName(), ##__VA_ARGS__)
 
+/* The same line for a caller named explicitly: helpers that log on behalf
+ * of their caller pass the caller's file base name, function and line. */
+#define QUELT_LOG_AT(prio, colour, file, func, line, fmt, ...)                                 \
+    __dlog_print(LOG_ID_MAIN, prio, QUELT_LOG_TAG,                                             \
+                 "%s: %s(%d) > " colour " [%s]" fmt QUELT_COLOUR_RESET "\n", file, func, line, \
+                 ::Quelt::GetProjectName(), ##__VA_ARGS__)
+
 #define QLOGE(fmt, ...) QUELT_LOG(DLOG_ERROR, QUELT_COLOUR_RED, fmt, ##__VA_ARGS__)
 #define QLOGW(fmt, ...) QUELT_LOG(DLOG_WARN, QUELT_COLOUR_YELLOW, fmt, ##__VA_ARGS__)
 #define QLOGI(fmt, ...) QUELT_LOG(DLOG_INFO, QUELT_COLOUR_WHITE, fmt, ##__VA_ARGS__)

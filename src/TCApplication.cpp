@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "ApplicationState.h"
+#include "Guarded.h"
 #include "QueltLog.h"
 
 namespace Quelt {
@@ -75,7 +76,8 @@ void TCApplication::t_OnLangChanged() {}
 bool TCApplication::OnCreate(void* data) {
     QLOGI("");
     TCApplication* app = static_cast<TCApplication*>(data);
-    if (!app->t_OnCreate()) {
+    bool created = false;
+    if (!QUELT_CALL_GUARDED("t_OnCreate", [&] { created = app->t_OnCreate(); }) || !created) {
         QLOGE("fail!");
         return false;
     }
@@ -90,32 +92,37 @@ bool TCApplication::OnCreate(void* data) {
         QLOGE("Init fail!");
         return false;
     }
-    return app->t_OnStart();
+    bool started = false;
+    QUELT_CALL_GUARDED("t_OnStart", [&] { started = app->t_OnStart(); });
+    return started;
 }
 
 void TCApplication::OnTerminate(void* data) {
     QLOGI("");
     TCApplication* app = static_cast<TCApplication*>(data);
-    app->t_OnTerminate();
+    // The queue and the endpoint are closed whatever the hook did.
+    QUELT_CALL_GUARDED("t_OnTerminate", [&] { app->t_OnTerminate(); });
     app->Final();
     app->CloseDBusServer();
 }
 
 void TCApplication::OnPause(void* data) {
-    static_cast<TCApplication*>(data)->t_OnPause();
+    QUELT_CALL_GUARDED("t_OnPause", [&] { static_cast<TCApplication*>(data)->t_OnPause(); });
 }
 
 void TCApplication::OnResume(void* data) {
-    static_cast<TCApplication*>(data)->t_OnResume();
+    QUELT_CALL_GUARDED("t_OnResume", [&] { static_cast<TCApplication*>(data)->t_OnResume(); });
 }
 
 void TCApplication::OnService(app_control_s* appControl, void* data) {
     QLOGI("");
-    static_cast<TCApplication*>(data)->t_OnService(appControl);
+    QUELT_CALL_GUARDED("t_OnService",
+                       [&] { static_cast<TCApplication*>(data)->t_OnService(appControl); });
 }
 
 void TCApplication::OnLangChanged(app_event_info*, void* data) {
-    static_cast<TCApplication*>(data)->t_OnLangChanged();
+    QUELT_CALL_GUARDED("t_OnLangChanged",
+                       [&] { static_cast<TCApplication*>(data)->t_OnLangChanged(); });
 }
 
 TCEFLApplication::TCEFLApplication(const char* name) : TCApplication(EFL_APPLICATION, name) {}

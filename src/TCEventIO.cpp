@@ -9,6 +9,7 @@
 #include <string>
 
 #include "EventPayloads.h"
+#include "Guarded.h"
 #include "QueltLog.h"
 #include "TCMessage.h"
 #include "TCServer.h"
@@ -316,15 +317,16 @@ gboolean TCEventIO::m_InterIOWatch(GIOChannel* channel, GIOCondition /*condition
         if (event.deleted) {
             QLOGI("deleted event");
         } else {
-            event.receiver->OnEvent(&event);
+            QUELT_CALL_GUARDED("OnEvent", [&] { event.receiver->OnEvent(&event); });
         }
-        event.receiver->OnClear(&event);
+        QUELT_CALL_GUARDED("OnClear", [&] { event.receiver->OnClear(&event); });
         return TRUE;
     }
 
     // The sender's own object: no deleted test and no clear step, since the
     // sender keeps it.
-    syncEvent->receiver->OnEvent(syncEvent);
+    // A handler that throws still releases its waiting sender below.
+    QUELT_CALL_GUARDED("OnEvent", [&] { syncEvent->receiver->OnEvent(syncEvent); });
     if (syncEvent->param.p == nullptr) {
         QLOGE("param.p should not be NULL!");
         return TRUE;

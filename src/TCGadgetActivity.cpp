@@ -5,7 +5,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
+#include "Guarded.h"
 #include "QueltLog.h"
 
 namespace Quelt {
@@ -95,7 +97,8 @@ void* TCGadgetActivity::OnCreate(ui_gadget_s* ug, ug_mode mode, app_control_s* s
     }
     if (ready) {
         activity->m_pGadget = ug;
-        void* layout = activity->t_OnCreate(ug, mode, service);
+        void* layout = nullptr;
+        QUELT_CALL_GUARDED("t_OnCreate", [&] { layout = activity->t_OnCreate(ug, mode, service); });
         // Marked active whatever t_OnCreate returned, so that the tail below
         // runs the gadget's own destroy.
         activity->m_bActivated = true;
@@ -118,7 +121,8 @@ void TCGadgetActivity::OnStart(ui_gadget_s* ug, app_control_s* service, void* pr
         QLOGE("NULL pointer!");
         return;
     }
-    static_cast<TCGadgetActivity*>(priv)->t_OnStart(ug, service);
+    QUELT_CALL_GUARDED("t_OnStart",
+                       [&] { static_cast<TCGadgetActivity*>(priv)->t_OnStart(ug, service); });
 }
 
 void TCGadgetActivity::OnPause(ui_gadget_s* ug, app_control_s* service, void* priv) {
@@ -127,7 +131,8 @@ void TCGadgetActivity::OnPause(ui_gadget_s* ug, app_control_s* service, void* pr
         QLOGE("NULL pointer!");
         return;
     }
-    static_cast<TCGadgetActivity*>(priv)->t_OnPause(ug, service);
+    QUELT_CALL_GUARDED("t_OnPause",
+                       [&] { static_cast<TCGadgetActivity*>(priv)->t_OnPause(ug, service); });
 }
 
 void TCGadgetActivity::OnResume(ui_gadget_s* ug, app_control_s* service, void* priv) {
@@ -136,7 +141,8 @@ void TCGadgetActivity::OnResume(ui_gadget_s* ug, app_control_s* service, void* p
         QLOGE("NULL pointer!");
         return;
     }
-    static_cast<TCGadgetActivity*>(priv)->t_OnResume(ug, service);
+    QUELT_CALL_GUARDED("t_OnResume",
+                       [&] { static_cast<TCGadgetActivity*>(priv)->t_OnResume(ug, service); });
 }
 
 void TCGadgetActivity::OnDestroy(ui_gadget_s* ug, app_control_s* service, void* priv) {
@@ -150,7 +156,7 @@ void TCGadgetActivity::OnDestroy(ui_gadget_s* ug, app_control_s* service, void* 
         QLOGI("Activity is already destroyed.");
         return;
     }
-    activity->t_OnDestroy(ug, service);
+    QUELT_CALL_GUARDED("t_OnDestroy", [&] { activity->t_OnDestroy(ug, service); });
     activity->TCEventIO::Final();
     activity->CloseDBusServer();
     activity->m_bActivated = false;
@@ -171,7 +177,8 @@ void TCGadgetActivity::OnEvent(ui_gadget_s* ug, ug_event event, app_control_s* s
         QLOGE("NULL pointer!");
         return;
     }
-    static_cast<TCGadgetActivity*>(priv)->t_OnEvent(ug, event, service);
+    QUELT_CALL_GUARDED(
+        "t_OnEvent", [&] { static_cast<TCGadgetActivity*>(priv)->t_OnEvent(ug, event, service); });
 }
 
 void TCGadgetActivity::m_ProcessMessage(ui_gadget_s* ug, app_control_s* msg, app_control_s* service,
@@ -181,7 +188,7 @@ void TCGadgetActivity::m_ProcessMessage(ui_gadget_s* ug, app_control_s* msg, app
     if (!ReadExtra(msg, kModeKey, &mode) || mode[0] == '\0') {
         free(mode);
         QLOGD("User Message");
-        t_OnMessage(ug, msg, service);
+        QUELT_CALL_GUARDED("t_OnMessage", [&] { t_OnMessage(ug, msg, service); });
         return;
     }
     QLOGD("It is Gadget Info, received [%s]", mode);
@@ -203,7 +210,16 @@ void TCGadgetActivity::m_ProcessMessage(ui_gadget_s* ug, app_control_s* msg, app
         request.m_type = type;
 
     if (strcmp(mode, "QUERY") == 0) {
-        TCMessage reply = t_GadgetInformationRequested(request);
+        // A hook that throws is answered with an empty reply: the host
+        // waits for one.
+        // (Made in place from the hook's result, which is not copied, so
+        // that its text is sent as the hook wrote it.)
+        std::unique_ptr<TCMessage> answered;
+        if (!QUELT_CALL_GUARDED("t_GadgetInformationRequested", [&] {
+                answered.reset(new TCMessage(t_GadgetInformationRequested(request)));
+            }))
+            answered.reset(new TCMessage());
+        TCMessage& reply = *answered;
         app_control_h answer = nullptr;
         if (app_control_create(&answer) != APP_CONTROL_ERROR_NONE) {
             QLOGE("service create failed");

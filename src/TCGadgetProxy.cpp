@@ -5,7 +5,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
+#include "Guarded.h"
 #include "QueltLog.h"
 
 namespace Quelt {
@@ -201,7 +203,7 @@ void TCGadgetProxy::OnLayoutReady(ui_gadget_s* ug, ug_mode mode, void* priv) {
     QLOGD("m_gadgetHandle = %p", static_cast<void*>(ug));
     proxy->m_layout = ug_get_layout(ug);
     if (proxy->m_layout != nullptr)
-        proxy->t_OnLayoutReady(ug, mode);
+        QUELT_CALL_GUARDED("t_OnLayoutReady", [&] { proxy->t_OnLayoutReady(ug, mode); });
     else
         QLOGD("UG Return NULL Layout, Disable this page.");
 }
@@ -235,7 +237,7 @@ void TCGadgetProxy::OnDestroy(ui_gadget_s* ug, void* priv) {
         QLOGE("%s name has not been used!", name.c_str());
         return;
     }
-    it->second->t_OnDestroy(ug);
+    QUELT_CALL_GUARDED("t_OnDestroy", [&] { it->second->t_OnDestroy(ug); });
 }
 
 void TCGadgetProxy::OnEnd(ui_gadget_s*, void* priv) {
@@ -252,7 +254,7 @@ void TCGadgetProxy::OnEnd(ui_gadget_s*, void* priv) {
         QLOGE("%s name has not been used!", name.c_str());
         return;
     }
-    it->second->t_OnEnd();
+    QUELT_CALL_GUARDED("t_OnEnd", [&] { it->second->t_OnEnd(); });
     QLOGD("after t_OnEnd, erase %s from CreatedGadget map!", name.c_str());
     m_CreatedGadgetProxys.erase(name);
 }
@@ -263,7 +265,7 @@ void TCGadgetProxy::m_ProcessResult(ui_gadget_s* ug, app_control_s* result) {
     if (!ReadExtra(result, kModeKey, &mode) || mode[0] == '\0') {
         free(mode);
         QLOGD("");
-        t_OnResult(ug, result);
+        QUELT_CALL_GUARDED("t_OnResult", [&] { t_OnResult(ug, result); });
         return;
     }
     QLOGD("It is Gadget Mode, received [%s]", mode);
@@ -285,7 +287,16 @@ void TCGadgetProxy::m_ProcessResult(ui_gadget_s* ug, app_control_s* result) {
         request.m_type = type;
 
     if (strcmp(mode, "QUERY") == 0) {
-        TCMessage reply = t_HostInformationRequested(request);
+        // A hook that throws is answered with an empty reply: the gadget
+        // waits for one.
+        // (Made in place from the hook's result, which is not copied, so
+        // that its text is sent as the hook wrote it.)
+        std::unique_ptr<TCMessage> answered;
+        if (!QUELT_CALL_GUARDED("t_HostInformationRequested", [&] {
+                answered.reset(new TCMessage(t_HostInformationRequested(request)));
+            }))
+            answered.reset(new TCMessage());
+        TCMessage& reply = *answered;
         app_control_h answer = nullptr;
         if (app_control_create(&answer) != APP_CONTROL_ERROR_NONE) {
             QLOGE("service create failed");

@@ -2,6 +2,7 @@
 
 #include "TCTask.h"
 
+#include "Guarded.h"
 #include "QueltLog.h"
 
 namespace Quelt {
@@ -99,9 +100,13 @@ gpointer TCTask::m_ThreadProcess(gpointer task) {
     g_atomic_pointer_set(&self->m_pThread, g_thread_self());
     // With initInCaller the loop already exists and m_InitMainLoop returns
     // at once.
-    if (self->m_InitMainLoop())
-        self->t_Main();
-    self->m_Destroy();
+    // The thread's entry is called from GLib: nothing may unwind out of it.
+    // A task whose loop ended by an exception still tears down its IOs.
+    QUELT_CALL_GUARDED("t_Main", [&] {
+        if (self->m_InitMainLoop())
+            self->t_Main();
+    });
+    QUELT_CALL_GUARDED("m_Destroy", [&] { self->m_Destroy(); });
     return nullptr;
 }
 
