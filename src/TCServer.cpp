@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "BusInterface.h"
+#include "Guarded.h"
 #include "QueltLog.h"
 #include "TCServerHelper.h"
 
@@ -34,6 +35,25 @@ public:
 private:
     TCMutex& m_mutex;
 };
+
+// Formatting leaves only legal characters, but the bus has further rules
+// (no element starting with a digit, no empty element, at most 255 bytes)
+// which GDBus enforces with a critical warning and a bare failure. They
+// are checked here, with a line that says which endpoint is refused.
+bool IsUsableBusName(const std::string& endpoint, const std::string& busName) {
+    if (!g_dbus_is_name(busName.c_str()) || g_dbus_is_unique_name(busName.c_str())) {
+        QLOGE("endpoint name '%s' cannot be used on the bus: '%s' is not a valid bus name",
+              endpoint.c_str(), busName.c_str());
+        return false;
+    }
+    const std::string objectPath = TCServerHelper::GetObjectPath(busName);
+    if (!g_variant_is_object_path(objectPath.c_str())) {
+        QLOGE("endpoint name '%s' cannot be used on the bus: '%s' is not a valid object path",
+              endpoint.c_str(), objectPath.c_str());
+        return false;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -101,19 +121,31 @@ bool TCServer::CreateDBusServer() {
     if (!m_Connect())
         return false;
     if (m_type == SERVER_TYPE_PROXY) {
+        // A proxy owns no name, but its name is the one it sends from and
+        // the one peers would reach it by.
+        std::string busName = m_name + ".message";
+        TCServerHelper::FormatDBusName(busName);
+        if (!IsUsableBusName(m_name, busName))
+            return false;
         m_created = true;
         return true;
     }
-    if (m_type == SERVER_TYPE_APP || m_type == SERVER_TYPE_GADGET) {
+    const bool ownsName = m_type == SERVER_TYPE_APP || m_type == SERVER_TYPE_GADGET;
+    if (ownsName) {
         if (!m_PrepareBusName())
             return false;
-        if (!m_OwnName())
-            return false;
+        // Ready before announced: a peer that sees the name owned may call
+        // at once, so the object is exported first.
         if (!m_ExportObject())
             return false;
     }
-    // Every type but the proxy is found by name from this process.
+    // Every type but the proxy is found by name from this process; an
+    // in-process sender that saw the announcement finds it too.
     m_CreatedDbusServers[m_name] = this;
+    if (ownsName && !m_OwnName()) {
+        m_CreatedDbusServers.erase(m_name);
+        return false;
+    }
     m_created = true;
     return true;
 }
@@ -169,7 +201,7 @@ bool TCServer::m_PrepareBusName() {
     if (TCServerHelper::FormatDBusName(m_busName)) {
         QLOGW("original name has illegal character, format to %s", m_busName.c_str());
     }
-    return true;
+    return IsUsableBusName(m_name, m_busName);
 }
 
 bool TCServer::m_OwnName() {
@@ -271,9 +303,11 @@ void TCServer::m_OnNameAcquired(GDBusConnection* /*connection*/, const gchar* /*
     if (server->m_type == SERVER_TYPE_PROXY)
         return;
     // Announce the endpoint to everyone who waits for it.
-    TCMessage announcement;
-    announcement.m_value["service_name"] = server->m_name;
-    server->SendSignal("service_start_default", &announcement);
+    QUELT_CALL_GUARDED("service_start_default", [&] {
+        TCMessage announcement;
+        announcement.m_value["service_name"] = server->m_name;
+        server->SendSignal("service_start_default", &announcement);
+    });
 }
 
 void TCServer::m_OnNameLost(GDBusConnection* /*connection*/, const gchar* /*name*/,

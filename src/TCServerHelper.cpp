@@ -34,6 +34,13 @@ const char kPlainPayload[] = "(suss)";
 // The shape in which a payload with buffer arrives: the "@a*" it was built
 // with is concrete once the array is made, "a(y)".
 const char kBufferPayload[] = "(sussa(y))";
+// A buffer as stock tools send it: a plain array of bytes. Accepted on
+// receipt only; the framework itself always sends "a(y)".
+const char kByteArrayPayload[] = "(sussay)";
+
+void UnrefVariant(gpointer variant) {
+    g_variant_unref(static_cast<GVariant*>(variant));
+}
 
 }  // namespace
 
@@ -160,6 +167,33 @@ std::string TCServer::m_GetDBusName(std::string name) {
 
 namespace detail {
 
+bool IsMessagePayload(GVariant* payload) {
+    if (payload == nullptr)
+        return false;
+    const gchar* shape = g_variant_get_type_string(payload);
+    return std::strcmp(shape, kPlainPayload) == 0 || std::strcmp(shape, kBufferPayload) == 0 ||
+           std::strcmp(shape, kByteArrayPayload) == 0;
+}
+
+GVariant* ToFrameworkPayload(GVariant* payload) {
+    if (payload == nullptr)
+        return nullptr;
+    if (std::strcmp(g_variant_get_type_string(payload), kByteArrayPayload) != 0)
+        return g_variant_ref(payload);
+    const gchar* from = nullptr;
+    guint32 code = 0;
+    const gchar* type = nullptr;
+    const gchar* text = nullptr;
+    GVariant* bytes = nullptr;
+    g_variant_get(payload, "(&su&s&s@ay)", &from, &code, &type, &text, &bytes);
+    // The structure array borrows the byte array's data and holds the byte
+    // array until it is itself released.
+    GVariant* structures =
+        g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), g_variant_get_data(bytes),
+                                g_variant_get_size(bytes), TRUE, UnrefVariant, bytes);
+    return g_variant_ref_sink(g_variant_new("(suss@a(y))", from, code, type, text, structures));
+}
+
 void UnpackIntoMessage(GVariant* payload, char** from, TCMessage* message) {
     // Outputs start empty: a payload of another shape writes nothing.
     unsigned int code = 0;
@@ -167,7 +201,10 @@ void UnpackIntoMessage(GVariant* payload, char** from, TCMessage* message) {
     char* text = nullptr;
     unsigned char* buffer = nullptr;
     unsigned int size = 0;
-    TCServerHelper::AnalyseServerMsg(payload, from, &code, &type, &text, &buffer, &size);
+    GVariant* framework = ToFrameworkPayload(payload);
+    TCServerHelper::AnalyseServerMsg(framework, from, &code, &type, &text, &buffer, &size);
+    if (framework != nullptr)
+        g_variant_unref(framework);
     TCServerHelper::SetTCMessage(message, text, code, type, buffer, size);
     delete[] type;
     delete[] text;

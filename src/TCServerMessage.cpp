@@ -9,6 +9,7 @@
 
 #include "BusPayload.h"
 #include "EventPayloads.h"
+#include "Guarded.h"
 #include "QueltLog.h"
 #include "TCEventIO.h"
 #include "TCServer.h"
@@ -250,17 +251,29 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
     unsigned char* buffer = nullptr;
     unsigned int size = 0;
     const std::string method = methodName != nullptr ? methodName : "";
+    const bool withBuffer = method == "SendMessageWithBuffer";
     if (method == "SendMessage") {
         QLOGI("SendMessage");
-        TCServerHelper::AnalyseServerMsg(parameters, &from, &code, &type, &text, nullptr, nullptr);
-    } else if (method == "SendMessageWithBuffer") {
+    } else if (withBuffer) {
         QLOGI("SendMessageWithBuffer");
-        TCServerHelper::AnalyseServerMsg(parameters, &from, &code, &type, &text, &buffer, &size);
     } else {
         QLOGE("error method name : %s", method.c_str());
         ReturnErrorReply(invocation);
         return;
     }
+    // The interface declares the buffer as "a*", so the bus lets any array
+    // through: only the known shapes may reach the application.
+    if (!detail::IsMessagePayload(parameters)) {
+        QLOGW("refused payload %s of %s: not (suss), (sussa(y)) or (sussay)",
+              parameters != nullptr ? g_variant_get_type_string(parameters) : "null",
+              method.c_str());
+        ReturnErrorReply(invocation);
+        return;
+    }
+    GVariant* payload = detail::ToFrameworkPayload(parameters);
+    TCServerHelper::AnalyseServerMsg(payload, &from, &code, &type, &text,
+                                     withBuffer ? &buffer : nullptr, withBuffer ? &size : nullptr);
+    g_variant_unref(payload);
     QLOGI("from[%s] [%s]", OrNull(from), OrNull(text));
 
     // Owned by m_HandleMsg from here on, like |from|.
@@ -273,7 +286,15 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
     // The default IfHandleInEventIO answers false and touches nothing, so
     // calling it is the same as skipping it for a class that keeps it.
     TCEventIO* eventIO = nullptr;
-    if (server->IfHandleInEventIO(from, received, &eventIO) && eventIO != nullptr) {
+    bool moved = false;
+    if (!QUELT_CALL_GUARDED("IfHandleInEventIO",
+                            [&] { moved = server->IfHandleInEventIO(from, received, &eventIO); })) {
+        delete received;
+        delete[] from;
+        ReturnErrorReply(invocation);
+        return;
+    }
+    if (moved && eventIO != nullptr) {
         QLOGI("send internal event");
         TCEvent event;
         event.receiver = eventIO;
@@ -296,9 +317,15 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
 void TCServer::m_HandleMsg(const char* from, const TCMessage* message,
                            GDBusMethodInvocation* invocation) {
     TCMessage reply;
-    IfMessageReceived(from, message, &reply, nullptr);
+    const bool handled = QUELT_CALL_GUARDED(
+        "IfMessageReceived", [&] { IfMessageReceived(from, message, &reply, nullptr); });
     delete message;
     delete[] from;
+    if (!handled) {
+        // Whatever the handler left in the reply is not an answer.
+        ReturnErrorReply(invocation);
+        return;
+    }
 
     reply.Generate();
     const std::string text = reply.GetMessage();
@@ -339,7 +366,7 @@ void TCServer::m_PendingCallNotify(GObject* source, GAsyncResult* result, gpoint
 
     // A wholly empty reply means "nothing to say".
     if (!reply.m_type.empty() || !reply.m_message.empty() || reply.m_buffer != nullptr) {
-        server->IfMessageReplied(from, &reply);
+        QUELT_CALL_GUARDED("IfMessageReplied", [&] { server->IfMessageReplied(from, &reply); });
     }
     delete[] from;
     g_variant_unref(answer);

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "BusPayload.h"
+#include "Guarded.h"
 #include "QueltLog.h"
 #include "TCServer.h"
 #include "TCServerHelper.h"
@@ -341,6 +342,13 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
         QLOGI("no register info of %s", key.c_str());
         return;
     }
+    // Any peer may emit any member on any interface: only the known shapes
+    // reach the callbacks.
+    if (!detail::IsMessagePayload(parameters)) {
+        QLOGW("dropped signal %s: payload %s is not (suss), (sussa(y)) or (sussay)", key.c_str(),
+              parameters != nullptr ? g_variant_get_type_string(parameters) : "null");
+        return;
+    }
     QLOGI("begin to analyze signal of %s", key.c_str());
 
     char* from = nullptr;
@@ -350,13 +358,17 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
 
     // The message and the C record live only for the call.
     if (nativeHandler != nullptr) {
-        nativeHandler(from, signalName, &message, nativeData);
+        QUELT_CALL_GUARDED("signal callback",
+                           [&] { nativeHandler(from, signalName, &message, nativeData); });
     } else if (managedHandler != nullptr) {
-        TCWrapperMessage wrapper(&message);
-        managedHandler(from, signalName, wrapper.GetMMessager(), managedData);
+        QUELT_CALL_GUARDED("signal callback", [&] {
+            TCWrapperMessage wrapper(&message);
+            managedHandler(from, signalName, wrapper.GetMMessager(), managedData);
+        });
     } else {
         // Signals are never answered: the reply is dropped.
-        server->IfMessageReceived(from, &message, &reply, signalName);
+        QUELT_CALL_GUARDED("IfMessageReceived",
+                           [&] { server->IfMessageReceived(from, &message, &reply, signalName); });
     }
     delete[] from;
 }
