@@ -4,7 +4,8 @@
 # (it waits for the service's "service_start_default" announcement). Each
 # run must end with both programs' status 0 and a transcript holding the key
 # lines of the conversation. With TOOL (tools/harvo-bus), a third run talks
-# to the service with the command-line tool instead of the client.
+# to the service with the command-line tool instead of the client. A last
+# run plays a foreign peer with dbus-send.
 #
 # Usage: demo_test.sh SERVICE CLIENT SCRIPTS_DIR WORK_DIR [TOOL]
 set -uo pipefail
@@ -114,11 +115,47 @@ run_tool() {
     [[ $signals -eq 2 ]] || fail "$signals signals received by the tool, expected 2"
 }
 
+# A foreign peer against the demo's service: a buffer sent as a plain byte
+# array (what dbus-send makes of array:byte) is summed like any other, and
+# a body whose shape the service's handler does not expect ([1] where it
+# reads a member) makes the handler throw: the caller gets the framework's
+# error reply and the service goes on serving.
+run_hostile() {
+    run=hostile
+    local out="$WORK/hostile.out" service_pid service_status=0 reply
+    : >"$out"
+    timeout 60 "$SERVICE" >>"$out" 2>"$WORK/hostile.service.log" &
+    service_pid=$!
+    wait_for_line "$out" 'started: endpoint "weather"' || fail "the service did not start"
+    reply=$(dbus-send --system --print-reply --dest=weather.message /weather/message \
+        weather.message.SendMessageWithBuffer string:shell uint32:1 string:sum \
+        'string:{"city":"Jeju"}' array:byte:1,2 2>&1) || fail "dbus-send with a byte array failed: $reply"
+    grep -qF '{"city":"Jeju","sum":3}' <<<"$reply" || fail "byte-array buffer not summed: $reply"
+    reply=$(dbus-send --system --print-reply --dest=weather.message /weather/message \
+        weather.message.SendMessage string:shell uint32:1 string:sum 'string:[1]' 2>&1) ||
+        fail "dbus-send with the body [1] failed: $reply"
+    grep -qF '{"dbus_result":"fail","errmsg":"error handling"}' <<<"$reply" ||
+        fail "no error reply for the body [1]: $reply"
+    grep -qF 'exception from IfMessageReceived: ' "$WORK/hostile.service.log" ||
+        fail "the service logged no exception line"
+    # Still serving: quit ends it normally.
+    dbus-send --system --print-reply --dest=weather.message /weather/message \
+        weather.message.SendMessage string:shell uint32:1 string:quit 'string:{}' >/dev/null 2>&1 ||
+        fail "quit was not answered"
+    wait "$service_pid" || service_status=$?
+    echo "---- transcript (hostile) ----"
+    cat "$out"
+    [[ $service_status -eq 0 ]] || fail "service exit status $service_status (log: $WORK/hostile.service.log)"
+    expect_line '[service] (worker) message "sum" from shell: {"city":"Jeju"}, buffer [1 2]'
+    expect_line '[service] (main  ) AppMain returned 0'
+}
+
 run_demo service-first service-first
 run_demo client-first client-first
 if [[ -n $TOOL ]]; then
     run_tool
 fi
+run_hostile
 
 if [[ $failures -ne 0 ]]; then
     echo "$failures failure(s)" >&2
