@@ -129,13 +129,14 @@ gboolean TCAlarm::m_GSourceFunc(void* alarm) {
             self->m_Count = left - 1;
         // The lock stays held while the callback runs; the callback may take
         // it again (Reset, Destroy) because it is recursive.
-        // A callback that throws has not asked to stop: the alarm keeps its
-        // schedule, as a periodic timer should after one failed tick.
-        bool again = true;
-        if (left != 0 && (!QUELT_CALL_GUARDED("alarm callback", [&] {
-                again = self->m_pCallback(self->m_pData);
-            }) || again))
-            return TRUE;
+        if (left != 0) {
+            // A callback that throws has not asked to stop: the alarm keeps
+            // its schedule, as a periodic timer should after one failed tick.
+            bool again = true;
+            QUELT_CALL_GUARDED("alarm callback", [&] { again = self->m_pCallback(self->m_pData); });
+            if (again)
+                return TRUE;
+        }
     }
     // No callback, count used up, or the callback asked to stop: GLib drops
     // the source, and the count reads as unlimited again.
