@@ -437,7 +437,7 @@ void OnVanished(GDBusConnection*, const gchar*, gpointer data) {
 TEST(ReadyBeforeAnnounced, ACallerThatSeesTheNameOwnedNeverFindsTheObjectMissing) {
     GDBusConnection* watcher = NewSecondConnection();
     ASSERT_NE(watcher, nullptr);
-    const int kRounds = 15;
+    const int kRounds = 30;
     for (int round = 0; round < kRounds; ++round) {
         bool appeared = false;
         const guint watch =
