@@ -19,7 +19,7 @@ harvo_gadget_module(keyprobe key_probe.c)
 harvo_gadget_module(cgadgetbus c_gadget.c C_GADGET_BUS=true C_GADGET_NAME="cgadgetbus")
 
 foreach(test_target gadget_gadget_activity_test gadget_gadget_proxy_test gadget_pelx_gadget_test
-        gadget_gadget_bus_test)
+        gadget_gadget_bus_test gadget_gadget_exceptions_test)
     if(TARGET ${test_target})
         add_dependencies(${test_target} ug-cppgadget ug-cppgadgetbus ug-cppdefault ug-cgadget
             ug-cgadgetmin ug-cgadgetbus ug-keyprobe)
