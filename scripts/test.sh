@@ -119,7 +119,7 @@ start=$SECONDS
 
 banner "Dependencies (scripts/install-deps.sh)"
 if ! bash "$ROOT/scripts/install-deps.sh"; then
-    echo "test.sh: installing the dependencies failed" >&2
+    echo "test.sh: installing the dependencies failed (see above: run as root, or through sudo)" >&2
     exit 1
 fi
 
