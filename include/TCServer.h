@@ -11,6 +11,17 @@
  * Lifecycle: construct, CreateDBusServer, ..., CloseDBusServer, destroy.
  * The destructor does not close: the registry holds plain pointers.
  *
+ * Losing the bus or the name: an endpoint whose bus name is refused by the
+ * bus policy or taken by another owner (names are owned with replacement
+ * allowed), or whose bus connection closes (the daemon stopped or
+ * restarted), logs one error line "<endpoint> lost the bus name <name>:
+ * ..." and is deaf from then on: nothing retries. Calls on a closed
+ * connection fail with false and "dbus connection is not open"; the process
+ * keeps running. The application can close the endpoint (CloseDBusServer)
+ * and create it again once the bus is back or the name is free, or end and
+ * let its service manager start it again. A proxy owns no name: it learns
+ * of a closed connection at its next call.
+ *
  * Threads: sends and emissions from any thread; bus method calls and
  * signals arrive in the main context that was the thread-default when the
  * object was registered or the signal subscribed.
