@@ -1,4 +1,5 @@
-/*
+/**
+ * \file Quelt.h
  * Free functions of the framework namespace.
  */
 #ifndef HARVO_FW_QUELT_H
@@ -9,20 +10,23 @@ namespace Quelt {
 class TCApplication;
 class TCMessage;
 
-/* The running application's name, or "nil" while no application object
+/** The running application's name, or "nil" while no application object
  * exists. Every framework log line carries it. */
+///@{
 const char* GetProjectName();
 const char* GetAppName();
+///@}
 
-/* Runs the process: stores |app| in g_pAppBase and runs the main loop that
+/** Runs the process: stores |app| in g_pAppBase and runs the main loop that
  * fits its type (the UI application loop, the Ecore loop or a GLib main
  * loop on the default context), driving the application's lifecycle on the
  * calling thread. Returns 0 after a normal end, -1 on failure (a null
  * application, a refused creation, a loop error). */
 int AppMain(int argc, char** argv, TCApplication* app);
 
-/* The static operations of TCServer, as free functions: |source| names one
+/** The static operations of TCServer, as free functions: |source| names one
  * of this process's servers, the rest is TCServer's (same results). */
+///@{
 bool SendMessage(const char* source, const char* dest, const TCMessage* message, bool sync,
                  TCMessage* reply);
 bool SendSignal(const char* source, const char* signalName, const TCMessage* message);
@@ -36,6 +40,7 @@ bool SubscribeKeySignal(const char* source, const char* from, const char* signal
                         void* userData);
 bool UnSubscribeSignal(const char* source, const char* from, const char* signalName);
 bool UnSubscribeKeySignal(const char* source, const char* from, const char* signalName);
+///@}
 
 }  // namespace Quelt
 
