@@ -9,13 +9,15 @@
 #ifndef HARVO_FW_TCALARM_H
 #define HARVO_FW_TCALARM_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 namespace Quelt {
 
 class TCEventIO;
 
-class TCAlarm {
+class HARVO_FW_API TCAlarm {
 public:
     TCAlarm();
     /* Frees the lock only: an armed alarm must be destroyed first. */

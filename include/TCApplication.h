@@ -23,6 +23,8 @@
 #ifndef HARVO_FW_TCAPPLICATION_H
 #define HARVO_FW_TCAPPLICATION_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include <cstdint>
@@ -38,7 +40,7 @@ struct app_event_info;
 
 namespace Quelt {
 
-class TCApplication : public TCServer, public TCEventIO {
+class HARVO_FW_API TCApplication : public TCServer, public TCEventIO {
 public:
     /* A fixed 32-bit type: AppMain runs any other value as a daemon. */
     enum APP_TYPE : int32_t {
@@ -96,13 +98,13 @@ private:
 };
 
 /* A UI application, run by the platform's UI application loop. */
-class TCEFLApplication : public TCApplication {
+class HARVO_FW_API TCEFLApplication : public TCApplication {
 public:
     explicit TCEFLApplication(const char* name);
 };
 
 /* A service, run by a GLib main loop on the default main context. */
-class TCDaemonService : public TCApplication {
+class HARVO_FW_API TCDaemonService : public TCApplication {
 public:
     explicit TCDaemonService(const char* name);
 };
@@ -111,6 +113,6 @@ public:
 
 /* The application handed to Quelt::AppMain (null until then, and null
  * after AppMain(…, nullptr)); AppMain never clears it. */
-extern Quelt::TCApplication* g_pAppBase;
+extern HARVO_FW_API Quelt::TCApplication* g_pAppBase;
 
 #endif  // HARVO_FW_TCAPPLICATION_H

@@ -8,6 +8,8 @@
 #ifndef HARVO_FW_TCEVENT_H
 #define HARVO_FW_TCEVENT_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include "TCMessage.h"
@@ -27,7 +29,7 @@ enum TCEventType {
     EVENT_EXECUTE = 6,           // param.p: heap std::function<void()>
 };
 
-class TCEvent {
+class HARVO_FW_API TCEvent {
 public:
     TCEvent();
     /* Copies every field; param.p is shared, never duplicated. */
@@ -49,7 +51,7 @@ public:
 
 /* The receiver of events. Every TCEventIO is its own handler: the handler
  * half of an event IO, through which the sending functions find the queue. */
-class TCHandler {
+class HARVO_FW_API TCHandler {
 public:
     TCHandler();
     virtual ~TCHandler();
@@ -76,7 +78,7 @@ protected:
 };
 
 /* Anything a task can attach to its main loop. */
-class TCIOBase {
+class HARVO_FW_API TCIOBase {
 public:
     TCIOBase();
     virtual ~TCIOBase();

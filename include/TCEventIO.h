@@ -14,6 +14,8 @@
 #ifndef HARVO_FW_TCEVENTIO_H
 #define HARVO_FW_TCEVENTIO_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include <list>
@@ -24,7 +26,7 @@
 
 namespace Quelt {
 
-class TCEventIO : public TCIOBase, public TCHandler {
+class HARVO_FW_API TCEventIO : public TCIOBase, public TCHandler {
 public:
     explicit TCEventIO(std::string name);
     /* Releases the lock and the list nodes; does not call Final. */
@@ -84,9 +86,9 @@ private:
     int m_PipeFileDes[2];
 };
 
-bool SendEvent(TCEvent* event);
-bool SendSyncEvent(TCEvent* event);
-bool SendUrgentEvent(TCEvent* event);
+HARVO_FW_API bool SendEvent(TCEvent* event);
+HARVO_FW_API bool SendSyncEvent(TCEvent* event);
+HARVO_FW_API bool SendUrgentEvent(TCEvent* event);
 
 }  // namespace Quelt
 

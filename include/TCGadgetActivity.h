@@ -17,6 +17,8 @@
 #ifndef HARVO_FW_TCGADGETACTIVITY_H
 #define HARVO_FW_TCGADGETACTIVITY_H
 
+#include "harvo-fw-export.h"
+
 #include <app_control.h>
 #include <ui-gadget-module.h>
 #include <ui-gadget.h>
@@ -29,7 +31,7 @@
 
 namespace Quelt {
 
-class TCGadgetActivity : public TCServer, public TCEventIO {
+class HARVO_FW_API TCGadgetActivity : public TCServer, public TCEventIO {
 public:
     /* Nothing is created on the bus and no event pipe is opened here; both
      * happen in the create callback. */
@@ -83,7 +85,7 @@ protected:
 
 /* Points |ops|'s create .. event slots at the activity's callbacks and its
  * private data at |activity|; -1 when |ops| is null. */
-int InitUIGadget(ug_module_ops* ops, TCGadgetActivity* activity, ug_option option);
+HARVO_FW_API int InitUIGadget(ug_module_ops* ops, TCGadgetActivity* activity, ug_option option);
 
 }  // namespace Quelt
 

@@ -19,6 +19,8 @@
 #ifndef HARVO_FW_TCGADGETPROXY_H
 #define HARVO_FW_TCGADGETPROXY_H
 
+#include "harvo-fw-export.h"
+
 #include <app_control.h>
 #include <ui-gadget.h>
 
@@ -30,7 +32,7 @@
 
 namespace Quelt {
 
-class TCGadgetProxy {
+class HARVO_FW_API TCGadgetProxy {
 public:
     TCGadgetProxy();
     /* Destroys a live gadget, then erases this proxy's name from the

@@ -10,15 +10,17 @@
 #ifndef HARVO_FW_TCLOCK_H
 #define HARVO_FW_TCLOCK_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 namespace Quelt {
 
 /* The timeout (and repeat count) that means "without limit". It is a 32-bit
  * value on every platform: on 64-bit hosts only its low 32 bits count. */
-extern const unsigned long QUELT_INFINITY;
+extern HARVO_FW_API const unsigned long QUELT_INFINITY;
 
-class TCSemaphore {
+class HARVO_FW_API TCSemaphore {
 public:
     TCSemaphore();
     virtual ~TCSemaphore();  // releases nothing; call Destroy() first
@@ -41,7 +43,7 @@ private:
     friend class TCMutex;
 };
 
-class TCMutex {
+class HARVO_FW_API TCMutex {
 public:
     TCMutex();
     virtual ~TCMutex();  // releases nothing; call Destroy() first

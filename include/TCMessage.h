@@ -10,12 +10,14 @@
 #ifndef HARVO_FW_TCMESSAGE_H
 #define HARVO_FW_TCMESSAGE_H
 
+#include "harvo-fw-export.h"
+
 #include <json/json.h>
 #include <string>
 
 namespace Quelt {
 
-class TCData {
+class HARVO_FW_API TCData {
 public:
     TCData();
     /* Takes the text and parses it; a text that is not JSON is kept as it
@@ -49,7 +51,7 @@ public:
     std::string m_error;
 };
 
-class TCMessage : public TCData {
+class HARVO_FW_API TCMessage : public TCData {
 public:
     TCMessage();
     /* Deep copy: the text is regenerated and the buffer duplicated. */

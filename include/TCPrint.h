@@ -9,14 +9,16 @@
 #ifndef HARVO_FW_TCPRINT_H
 #define HARVO_FW_TCPRINT_H
 
+#include "harvo-fw-export.h"
+
 /* Formats "[harvo-fw][func][line]" followed by the caller's text into a
  * 200-byte buffer and passes it to prctl(666, ...). Returns prctl's result. */
-int core_hw_clock(const char* func, int line, const char* fmt, ...)
+HARVO_FW_API int core_hw_clock(const char* func, int line, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 
 namespace Quelt {
 
-class TCPrint {
+class HARVO_FW_API TCPrint {
 public:
     /* A silent placeholder: logs nothing, now or on destruction. */
     TCPrint();

@@ -18,6 +18,8 @@
 #ifndef HARVO_FW_TCSERVER_H
 #define HARVO_FW_TCSERVER_H
 
+#include "harvo-fw-export.h"
+
 #include <gio/gio.h>
 #include <glib.h>
 
@@ -40,7 +42,7 @@ enum TCServerType : int {
     SERVER_TYPE_PROXY = 2,   // connection only
 };
 
-class TCServer {
+class HARVO_FW_API TCServer {
 public:
     TCServer(std::string name, TCServerType type);
     /* Releases the lock and the strings; does not close the bus. */

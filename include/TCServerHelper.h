@@ -10,6 +10,8 @@
 #ifndef HARVO_FW_TCSERVERHELPER_H
 #define HARVO_FW_TCSERVERHELPER_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include <string>
@@ -18,7 +20,7 @@
 
 namespace Quelt {
 
-class TCServerHelper {
+class HARVO_FW_API TCServerHelper {
 public:
     /* The file name of the running executable, or "nil". */
     static void GetProcessName(std::string& name);

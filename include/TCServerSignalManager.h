@@ -12,6 +12,8 @@
 #ifndef HARVO_FW_TCSERVERSIGNALMANAGER_H
 #define HARVO_FW_TCSERVERSIGNALMANAGER_H
 
+#include "harvo-fw-export.h"
+
 #include <map>
 #include <string>
 #include <vector>
@@ -50,7 +52,7 @@ struct TCSignalInfo {
     unsigned int m_id;          // from g_dbus_connection_signal_subscribe
 };
 
-class TCServerSignalManager {
+class HARVO_FW_API TCServerSignalManager {
 public:
     /* Empties both tables without freeing the records. */
     void Init();

@@ -11,13 +11,15 @@
 #ifndef HARVO_FW_TCTASK_H
 #define HARVO_FW_TCTASK_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include "TCEventIO.h"
 
 namespace Quelt {
 
-class TCTask : public TCEventIO {
+class HARVO_FW_API TCTask : public TCEventIO {
 public:
     explicit TCTask(const char* name);
     /* Neither stops the thread nor frees the loop: call Destroy first. */

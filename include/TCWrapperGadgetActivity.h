@@ -7,6 +7,8 @@
 #ifndef HARVO_FW_TCWRAPPERGADGETACTIVITY_H
 #define HARVO_FW_TCWRAPPERGADGETACTIVITY_H
 
+#include "harvo-fw-export.h"
+
 #include <string>
 
 #include "TCGadgetActivity.h"
@@ -14,7 +16,7 @@
 
 namespace Quelt {
 
-class TCWrapperGadgetActivity : public TCGadgetActivity {
+class HARVO_FW_API TCWrapperGadgetActivity : public TCGadgetActivity {
 public:
     /* |ops| is borrowed: the activity never frees it. */
     TCWrapperGadgetActivity(pelx_gadget_activity_ops* ops, std::string name, bool bCreateDBus);

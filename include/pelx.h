@@ -27,11 +27,10 @@
 
 #include <ui-gadget-module.h>
 
-#if defined(__GNUC__)
-#define PELX_API __attribute__((visibility("default")))
-#else
-#define PELX_API
-#endif
+#include "harvo-fw-export.h"
+
+/* Every pelx_ function is part of the library's exported interface. */
+#define PELX_API HARVO_FW_API
 
 #ifdef __cplusplus
 extern "C" {
