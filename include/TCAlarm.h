@@ -10,6 +10,8 @@
 #ifndef HARVO_FW_TCALARM_H
 #define HARVO_FW_TCALARM_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 namespace Quelt {
@@ -19,7 +21,7 @@ class TCEventIO;
 /** A periodic timer that fires on the loop of an event IO: Create, then
  *  SetAlarmCallback arms it; it fires every interval until the count is
  *  used up, the callback returns false, or Destroy. */
-class TCAlarm {
+class HARVO_FW_API TCAlarm {
 public:
     /** An unbound alarm. */
     TCAlarm();

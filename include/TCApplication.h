@@ -24,6 +24,8 @@
 #ifndef HARVO_FW_TCAPPLICATION_H
 #define HARVO_FW_TCAPPLICATION_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include <cstdint>
@@ -43,7 +45,7 @@ namespace Quelt {
  *  and its main event queue (TCEventIO). Quelt::AppMain runs it; the
  *  lifecycle hooks run on the main thread in the order create, start, then
  *  pause/resume/service as the platform reports them, then terminate. */
-class TCApplication : public TCServer, public TCEventIO {
+class HARVO_FW_API TCApplication : public TCServer, public TCEventIO {
 public:
     /** A fixed 32-bit type: AppMain runs any other value as a daemon. */
     enum APP_TYPE : int32_t {
@@ -113,14 +115,14 @@ private:
 };
 
 /** A UI application, run by the platform's UI application loop. */
-class TCEFLApplication : public TCApplication {
+class HARVO_FW_API TCEFLApplication : public TCApplication {
 public:
     /** An application of type EFL_APPLICATION named \p name (copied). */
     explicit TCEFLApplication(const char* name);
 };
 
 /** A service, run by a GLib main loop on the default main context. */
-class TCDaemonService : public TCApplication {
+class HARVO_FW_API TCDaemonService : public TCApplication {
 public:
     /** An application of type DAEMON_SERVICE named \p name (copied). */
     explicit TCDaemonService(const char* name);
@@ -130,6 +132,6 @@ public:
 
 /** The application handed to Quelt::AppMain (null until then, and null
  * after AppMain(…, nullptr)); AppMain never clears it. */
-extern Quelt::TCApplication* g_pAppBase;
+extern HARVO_FW_API Quelt::TCApplication* g_pAppBase;
 
 #endif  // HARVO_FW_TCAPPLICATION_H

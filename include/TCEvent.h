@@ -9,6 +9,8 @@
 #ifndef HARVO_FW_TCEVENT_H
 #define HARVO_FW_TCEVENT_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include "TCMessage.h"
@@ -31,7 +33,7 @@ enum TCEventType {
 /** The record posted between threads: which handler runs it, its type
  *  code, two bodies and a parameter word. Sending copies it (except a
  *  synchronous send, which queues the caller's own object). */
-class TCEvent {
+class HARVO_FW_API TCEvent {
 public:
     /** No receiver, type 0, empty bodies, null parameter. */
     TCEvent();
@@ -56,7 +58,7 @@ public:
 
 /** The receiver of events. Every TCEventIO is its own handler: the handler
  * half of an event IO, through which the sending functions find the queue. */
-class TCHandler {
+class HARVO_FW_API TCHandler {
 public:
     TCHandler();
     virtual ~TCHandler();
@@ -88,7 +90,7 @@ protected:
 };
 
 /** Anything a task can attach to its main loop. */
-class TCIOBase {
+class HARVO_FW_API TCIOBase {
 public:
     TCIOBase();
     virtual ~TCIOBase();

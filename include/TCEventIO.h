@@ -15,6 +15,8 @@
 #ifndef HARVO_FW_TCEVENTIO_H
 #define HARVO_FW_TCEVENTIO_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include <list>
@@ -28,7 +30,7 @@ namespace Quelt {
 /** An event queue bound to one GLib main context: any thread posts, the
  *  loop's thread runs the events one per wake-up. Tasks, applications and
  *  gadget activities derive from it. */
-class TCEventIO : public TCIOBase, public TCHandler {
+class HARVO_FW_API TCEventIO : public TCIOBase, public TCHandler {
 public:
     /** A queue named \p name, not attached yet: call Init. */
     explicit TCEventIO(std::string name);
@@ -98,11 +100,11 @@ private:
 };
 
 /** TCEventIO::SendEvent as a free function. */
-bool SendEvent(TCEvent* event);
+HARVO_FW_API bool SendEvent(TCEvent* event);
 /** TCEventIO::SendSyncEvent as a free function. */
-bool SendSyncEvent(TCEvent* event);
+HARVO_FW_API bool SendSyncEvent(TCEvent* event);
 /** TCEventIO::SendUrgentEvent as a free function. */
-bool SendUrgentEvent(TCEvent* event);
+HARVO_FW_API bool SendUrgentEvent(TCEvent* event);
 
 }  // namespace Quelt
 

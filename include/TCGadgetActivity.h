@@ -18,6 +18,8 @@
 #ifndef HARVO_FW_TCGADGETACTIVITY_H
 #define HARVO_FW_TCGADGETACTIVITY_H
 
+#include "harvo-fw-export.h"
+
 #include <app_control.h>
 #include <ui-gadget-module.h>
 #include <ui-gadget.h>
@@ -33,7 +35,7 @@ namespace Quelt {
 /** The gadget side of a UI gadget: a module's activity, at once a bus
  *  endpoint (TCServer) and an event queue (TCEventIO), driven by the UI
  *  gadget library through the module operations that InitUIGadget fills. */
-class TCGadgetActivity : public TCServer, public TCEventIO {
+class HARVO_FW_API TCGadgetActivity : public TCServer, public TCEventIO {
 public:
     /** Nothing is created on the bus and no event pipe is opened here; both
      * happen in the create callback. */
@@ -101,7 +103,7 @@ protected:
 
 /** Points |ops|'s create .. event slots at the activity's callbacks and its
  * private data at |activity|; -1 when |ops| is null. */
-int InitUIGadget(ug_module_ops* ops, TCGadgetActivity* activity, ug_option option);
+HARVO_FW_API int InitUIGadget(ug_module_ops* ops, TCGadgetActivity* activity, ug_option option);
 
 }  // namespace Quelt
 

@@ -20,6 +20,8 @@
 #ifndef HARVO_FW_TCGADGETPROXY_H
 #define HARVO_FW_TCGADGETPROXY_H
 
+#include "harvo-fw-export.h"
+
 #include <app_control.h>
 #include <ui-gadget.h>
 
@@ -34,7 +36,7 @@ namespace Quelt {
 /** The host's handle on one UI gadget: creates it, receives the library's
  *  callbacks as hooks, and runs the host half of the information exchange.
  *  Only on the UI gadget library's thread. */
-class TCGadgetProxy {
+class HARVO_FW_API TCGadgetProxy {
 public:
     /** A proxy without gadget: call CreateGadget. */
     TCGadgetProxy();

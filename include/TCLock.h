@@ -11,17 +11,19 @@
 #ifndef HARVO_FW_TCLOCK_H
 #define HARVO_FW_TCLOCK_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 namespace Quelt {
 
 /** The timeout (and repeat count) that means "without limit". It is a 32-bit
  *  value on every platform: on 64-bit hosts only its low 32 bits count. */
-extern const unsigned long QUELT_INFINITY;
+extern HARVO_FW_API const unsigned long QUELT_INFINITY;
 
 /** A counting semaphore. Usable between Create() and Destroy(); any
  *  thread may take and give. */
-class TCSemaphore {
+class HARVO_FW_API TCSemaphore {
 public:
     /** An empty semaphore: call Create() before using it. */
     TCSemaphore();
@@ -54,7 +56,7 @@ private:
 
 /** A recursive mutex built on TCSemaphore: the holding thread may lock
  *  again and must unlock as often. Usable between Create() and Destroy(). */
-class TCMutex {
+class HARVO_FW_API TCMutex {
 public:
     /** An empty mutex: call Create() before using it. */
     TCMutex();

@@ -11,13 +11,15 @@
 #ifndef HARVO_FW_TCMESSAGE_H
 #define HARVO_FW_TCMESSAGE_H
 
+#include "harvo-fw-export.h"
+
 #include <json/json.h>
 #include <string>
 
 namespace Quelt {
 
 /** A message body, kept as text and as its parsed JSON tree. */
-class TCData {
+class HARVO_FW_API TCData {
 public:
     /** An empty body: no text, a null tree. */
     TCData();
@@ -54,7 +56,7 @@ public:
 
 /** A message between endpoints: a JSON body (TCData), a code, a type and
  *  an optional owned byte buffer. */
-class TCMessage : public TCData {
+class HARVO_FW_API TCMessage : public TCData {
 public:
     /** An empty message: code 0, empty type, no buffer. */
     TCMessage();

@@ -10,10 +10,12 @@
 #ifndef HARVO_FW_TCPRINT_H
 #define HARVO_FW_TCPRINT_H
 
+#include "harvo-fw-export.h"
+
 /** Hands a timing marker to the kernel: formats "[harvo-fw][func][line]"
  *  followed by the caller's printf-style text into a 200-byte buffer and
  *  passes it to prctl(666, ...). \return prctl's result. */
-int core_hw_clock(const char* func, int line, const char* fmt, ...)
+HARVO_FW_API int core_hw_clock(const char* func, int line, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 
 namespace Quelt {
@@ -21,7 +23,7 @@ namespace Quelt {
 /** A scope tracer: "[IN]" when made, "[OUT]" with the elapsed
  *  milliseconds when it goes out of scope, and timed sections in between,
  *  all under the log tag "WPERF". */
-class TCPrint {
+class HARVO_FW_API TCPrint {
 public:
     /** A silent placeholder: logs nothing, now or on destruction. */
     TCPrint();

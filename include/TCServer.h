@@ -30,6 +30,8 @@
 #ifndef HARVO_FW_TCSERVER_H
 #define HARVO_FW_TCSERVER_H
 
+#include "harvo-fw-export.h"
+
 #include <gio/gio.h>
 #include <glib.h>
 
@@ -56,7 +58,7 @@ enum TCServerType : int {
  *  and gadgets a well-known bus name and an exported object, request/reply
  *  messages and signals. See the file's description for the lifecycle,
  *  threads and what happens when the bus or the name is lost. */
-class TCServer {
+class HARVO_FW_API TCServer {
 public:
     /** An endpoint named \p name of \p type; the bus name starts as
      *  \p name + ".message". Does not touch the bus. */

@@ -11,6 +11,8 @@
 #ifndef HARVO_FW_TCSERVERHELPER_H
 #define HARVO_FW_TCSERVERHELPER_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include <string>
@@ -21,7 +23,7 @@ namespace Quelt {
 
 /** The bus naming rules and the payload packing shared by every endpoint.
  *  Stateless: every function is static. */
-class TCServerHelper {
+class HARVO_FW_API TCServerHelper {
 public:
     /** The file name of the running executable, or "nil". */
     static void GetProcessName(std::string& name);

@@ -13,6 +13,8 @@
 #ifndef HARVO_FW_TCSERVERSIGNALMANAGER_H
 #define HARVO_FW_TCSERVERSIGNALMANAGER_H
 
+#include "harvo-fw-export.h"
+
 #include <map>
 #include <string>
 #include <vector>
@@ -57,7 +59,7 @@ struct TCSignalInfo {
 
 /** The signal subscriptions of one TCServer: per key, the callback, its
  *  user data and the bus subscription id. No lock of its own. */
-class TCServerSignalManager {
+class HARVO_FW_API TCServerSignalManager {
 public:
     /** Empties both tables without freeing the records. */
     void Init();

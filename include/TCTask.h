@@ -12,6 +12,8 @@
 #ifndef HARVO_FW_TCTASK_H
 #define HARVO_FW_TCTASK_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include "TCEventIO.h"
@@ -22,7 +24,7 @@ namespace Quelt {
  *  itself an event IO: events sent to it run on its thread, and so do the
  *  other IOs that a subclass attaches in t_AddIO. Destroy ends it from
  *  another thread. */
-class TCTask : public TCEventIO {
+class HARVO_FW_API TCTask : public TCEventIO {
 public:
     /** A task named \p name (the event queue's name); no thread yet. */
     explicit TCTask(const char* name);

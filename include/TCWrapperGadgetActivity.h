@@ -8,6 +8,8 @@
 #ifndef HARVO_FW_TCWRAPPERGADGETACTIVITY_H
 #define HARVO_FW_TCWRAPPERGADGETACTIVITY_H
 
+#include "harvo-fw-export.h"
+
 #include <string>
 
 #include "TCGadgetActivity.h"
@@ -17,7 +19,7 @@ namespace Quelt {
 
 /** The gadget activity behind the plain-function interface: every hook
  *  calls the matching callback of a pelx_gadget_activity_ops record. */
-class TCWrapperGadgetActivity : public TCGadgetActivity {
+class HARVO_FW_API TCWrapperGadgetActivity : public TCGadgetActivity {
 public:
     /** |ops| is borrowed: the activity never frees it. */
     TCWrapperGadgetActivity(pelx_gadget_activity_ops* ops, std::string name, bool bCreateDBus);

@@ -11,6 +11,8 @@
 #ifndef HARVO_FW_TCWRAPPERMESSAGEOPR_H
 #define HARVO_FW_TCWRAPPERMESSAGEOPR_H
 
+#include "harvo-fw-export.h"
+
 #include "TCEvent.h"
 #include "TCMessage.h"
 #include "pelx.h"
@@ -18,35 +20,35 @@
 namespace Quelt {
 
 /** Zeroes every field. */
-void InitManagedMessage(pelx_message_s* message);
+HARVO_FW_API void InitManagedMessage(pelx_message_s* message);
 /** Releases info, type and buffer and zeroes them; the record stays. */
-void DestroyManagedMessage(pelx_message_s* message);
+HARVO_FW_API void DestroyManagedMessage(pelx_message_s* message);
 /** Zeroes every field. */
-void InitManagedEvent(pelx_event_s* event);
+HARVO_FW_API void InitManagedEvent(pelx_event_s* event);
 /** Releases data and reply and nulls them; nothing else is touched. */
-void DestroyManagedEvent(pelx_event_s* event);
+HARVO_FW_API void DestroyManagedEvent(pelx_event_s* event);
 
 /** Class to record. Empty texts become null members. */
 ///@{
-void ConvertToManagedMessage(const TCMessage* message, pelx_message_s* record);
-void CopyFromTCMessage(const TCMessage* message, pelx_message_s* record);
+HARVO_FW_API void ConvertToManagedMessage(const TCMessage* message, pelx_message_s* record);
+HARVO_FW_API void CopyFromTCMessage(const TCMessage* message, pelx_message_s* record);
 ///@}
 /** Record to class: the text is parsed, the buffer copied. */
 ///@{
-void ConvertToMessage(const pelx_message_s* record, TCMessage* message);
-void CopyFromManagedMessage(pelx_message_s* record, TCMessage* message);
+HARVO_FW_API void ConvertToMessage(const pelx_message_s* record, TCMessage* message);
+HARVO_FW_API void CopyFromManagedMessage(pelx_message_s* record, TCMessage* message);
 ///@}
 
 /** Class to record: |gadget| receives the event's receiver unchanged. */
-void ConvertToManagedEvent(const TCEvent* event, pelx_event_s* record);
+HARVO_FW_API void ConvertToManagedEvent(const TCEvent* event, pelx_event_s* record);
 /** Record to class: the receiver becomes the handler part of the gadget
  * activity that |gadget| points to. A record without gadget leaves the
  * event untouched. */
-void ConvertToEvent(const pelx_event_s* record, TCEvent* event);
+HARVO_FW_API void ConvertToEvent(const pelx_event_s* record, TCEvent* event);
 
 /** Holds a message record for one callback; the destructor releases the
  * record's members. */
-class TCWrapperMessage {
+class HARVO_FW_API TCWrapperMessage {
 public:
     /** An empty record. */
     TCWrapperMessage();
@@ -65,7 +67,7 @@ private:
 
 /** Holds an event record for one callback; the destructor releases the
  * record's data and reply. */
-class TCWrapperEvent {
+class HARVO_FW_API TCWrapperEvent {
 public:
     /** An empty record. */
     TCWrapperEvent();

@@ -28,11 +28,11 @@
 
 #include <ui-gadget-module.h>
 
-#if defined(__GNUC__)
-#define PELX_API __attribute__((visibility("default")))
-#else
-#define PELX_API
-#endif
+#include "harvo-fw-export.h"
+
+/** The export mark of the pelx_ functions: every one is part of the
+ * library's exported interface (see harvo-fw-export.h). */
+#define PELX_API HARVO_FW_API
 
 #ifdef __cplusplus
 extern "C" {
