@@ -30,6 +30,11 @@ PACKAGES=(
     python3
     # source formatting (scripts/format.sh)
     clang-format
+    # binary-interface check (scripts/check-abi.sh): abidw, abidiff
+    abigail-tools
+    # the package recipe's check (rpmspec -P) and harvo-bus's manual page
+    rpm
+    help2man
 )
 PACKAGES+=("$@")
 
