@@ -36,6 +36,11 @@ PACKAGES=(
     doxygen
     # source formatting (scripts/format.sh)
     clang-format
+    # binary-interface check (scripts/check-abi.sh): abidw, abidiff
+    abigail-tools
+    # the package recipe's check (rpmspec -P) and harvo-bus's manual page
+    rpm
+    help2man
 )
 PACKAGES+=("$@")
 

@@ -91,6 +91,7 @@ const char kUsage[] =
     "  --name NAME               this tool's endpoint name (default harvo-bus)\n"
     "  --verbose                 show the framework's log on standard error\n"
     "  -h, --help                show this help\n"
+    "  --version                 show the version of the tool and the framework\n"
     "\n"
     "Exit status: 0 success, 1 the operation failed (endpoint missing, send\n"
     "failed, nothing arrived in time), 2 bad usage or unreadable input.\n";
@@ -114,6 +115,7 @@ struct Options {
     bool help = false;
     std::string policyUser;
     std::string policyGroup;
+    bool version = false;
 };
 
 // A usage or input error: message for standard error, exit status 2.
@@ -186,6 +188,8 @@ Options ParseArguments(int argc, char** argv) {
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
             options.help = true;
+        } else if (arg == "--version") {
+            options.version = true;
         } else if (arg == "--verbose") {
             options.verbose = true;
         } else if (arg == "--async") {
@@ -585,6 +589,10 @@ int Run(int argc, char** argv) {
     const Options options = ParseArguments(argc, argv);
     if (options.help) {
         std::cout << kUsage;
+        return kExitOk;
+    }
+    if (options.version) {
+        std::cout << "harvo-bus (harvo-fw) " << HARVO_FW_VERSION << "\n";
         return kExitOk;
     }
     SetUpLog(options.verbose);

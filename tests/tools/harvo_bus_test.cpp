@@ -123,6 +123,19 @@ TEST(HarvoBusToolUsage, HelpDescribesEveryCommandAndExitsZero) {
         EXPECT_TRUE(outcome.Has(text)) << text << "\n" << outcome.All();
 }
 
+TEST(HarvoBusToolUsage, VersionNamesToolAndFrameworkAndExitsZero) {
+    const Outcome outcome = RunTool({"--version"});
+    EXPECT_EQ(0, outcome.status);
+    ASSERT_EQ(1u, outcome.lines.size()) << outcome.All();
+    EXPECT_EQ("harvo-bus (harvo-fw) " HARVO_FW_VERSION, outcome.lines[0]);
+}
+
+TEST(HarvoBusToolUsage, HelpListsTheVersionOption) {
+    const Outcome outcome = RunTool({"--help"});
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_TRUE(outcome.Has("--version")) << outcome.All();
+}
+
 TEST(HarvoBusToolUsage, BadUsageIsExplainedWithStatusTwo) {
     struct Case {
         std::vector<std::string> args;
