@@ -11,10 +11,17 @@ configure_package_config_file(
     ${CMAKE_CURRENT_SOURCE_DIR}/cmake/harvo-fwConfig.cmake.in
     ${CMAKE_CURRENT_BINARY_DIR}/harvo-fwConfig.cmake
     INSTALL_DESTINATION ${HARVO_CMAKE_INSTALL_DIR})
+# While the major version is 0, every minor version may break the
+# interface: a request for 0.1 accepts 0.1.x only.
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+    set(HARVO_VERSION_COMPATIBILITY SameMinorVersion)
+else()
+    set(HARVO_VERSION_COMPATIBILITY SameMajorVersion)
+endif()
 write_basic_package_version_file(
     ${CMAKE_CURRENT_BINARY_DIR}/harvo-fwConfigVersion.cmake
     VERSION ${PROJECT_VERSION}
-    COMPATIBILITY SameMajorVersion)
+    COMPATIBILITY ${HARVO_VERSION_COMPATIBILITY})
 install(FILES
     ${CMAKE_CURRENT_BINARY_DIR}/harvo-fwConfig.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/harvo-fwConfigVersion.cmake

@@ -1,4 +1,5 @@
-/*
+/**
+ * \file TCAlarm.h
  * TCAlarm: a periodic timer firing on the loop of an event IO, and the
  * framework's millisecond tick.
  *
@@ -9,27 +10,40 @@
 #ifndef HARVO_FW_TCALARM_H
 #define HARVO_FW_TCALARM_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 namespace Quelt {
 
 class TCEventIO;
 
-class TCAlarm {
+/** A periodic timer that fires on the loop of an event IO: Create, then
+ *  SetAlarmCallback arms it; it fires every interval until the count is
+ *  used up, the callback returns false, or Destroy. */
+class HARVO_FW_API TCAlarm {
 public:
+    /** An unbound alarm. */
     TCAlarm();
-    /* Frees the lock only: an armed alarm must be destroyed first. */
+    /** Frees the lock only: an armed alarm must be destroyed first. */
     ~TCAlarm();
 
-    /* Binds the alarm to |io|'s loop (null: the default context). */
+    /** Binds the alarm to \p io's loop (null: the default context).
+     *  \p interval is in milliseconds; \p count is the number of times it
+     *  fires (QUELT_INFINITY: without limit). A second Create changes
+     *  nothing. \return true. */
     bool Create(TCEventIO* io, unsigned long interval, unsigned long count);
-    /* Arms the alarm; false before Create or with a null callback. */
+    /** Arms the alarm: \p callback runs with \p data (not owned) on the
+     *  loop's thread at every interval; returning false stops the alarm.
+     *  \return false before Create or with a null callback. */
     bool SetAlarmCallback(bool (*callback)(void*), void* data);
-    /* Restarts with a new interval and count; false while unarmed. */
+    /** Restarts with a new interval (milliseconds) and count, also after
+     *  the alarm stopped. \return false while no callback is set. */
     bool Reset(unsigned long interval, unsigned long count);
+    /** Stops the alarm and unbinds it; it may be created again. */
     void Destroy();
 
-    /* CLOCK_MONOTONIC in milliseconds, as a wrapping 32-bit value. */
+    /** CLOCK_MONOTONIC in milliseconds, as a wrapping 32-bit value. */
     static unsigned long GetTickCount();
 
 private:

@@ -1,4 +1,5 @@
-/*
+/**
+ * \file TCEventIO.h
  * TCEventIO: a cross-thread mailbox bound to one GLib main context.
  *
  * Any thread posts an event; the IO queues it under its recursive lock and
@@ -14,6 +15,8 @@
 #ifndef HARVO_FW_TCEVENTIO_H
 #define HARVO_FW_TCEVENTIO_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 #include <list>
@@ -24,41 +27,53 @@
 
 namespace Quelt {
 
-class TCEventIO : public TCIOBase, public TCHandler {
+/** An event queue bound to one GLib main context: any thread posts, the
+ *  loop's thread runs the events one per wake-up. Tasks, applications and
+ *  gadget activities derive from it. */
+class HARVO_FW_API TCEventIO : public TCIOBase, public TCHandler {
 public:
+    /** A queue named \p name, not attached yet: call Init. */
     explicit TCEventIO(std::string name);
-    /* Releases the lock and the list nodes; does not call Final. */
+    /** Releases the lock and the list nodes; does not call Final. */
     virtual ~TCEventIO();
 
-    /* Attaches the IO to |loop|'s context (null: the default context). */
+    /** Attaches the IO to |loop|'s context (null: the default context). */
     virtual bool Init(GMainLoop* loop);
-    /* Detaches, closes the pipe and clears every queued event. */
+    /** Detaches, closes the pipe and clears every queued event. */
     virtual void Final();
-    /* Handles the framework's codes 1, 3, 4 and 6. */
+    /** Handles the framework's codes 1, 3, 4 and 6. */
     virtual bool t_OnEvent(const TCEvent* event);
+    /** Last step of Init, on the initialising thread; false fails Init.
+     *  Default true. */
     virtual bool t_Init();
+    /** First step of Final. Default nothing. */
     virtual void t_Final();
-    /* Releases what codes 3, 4 and 6 carry; code 5 empties the queue. */
+    /** Releases what codes 3, 4 and 6 carry; code 5 empties the queue. */
     virtual void t_Clear(TCEvent* event);
 
-    /* Queues a copy at the back. */
+    /** Queues a copy at the back. */
     static bool SendEvent(TCEvent* event);
-    /* Queues a copy at the front: it runs next. */
+    /** Queues a copy at the front: it runs next. */
     static bool SendUrgentEvent(TCEvent* event);
-    /* Queues the caller's own object and waits until it ran, at most 20
+    /** Queues the caller's own object and waits until it ran, at most 20
      * seconds; reports true also when the wait expired. */
     static bool SendSyncEvent(TCEvent* event);
-    /* Round trip through |target|'s loop within max(timeout, 2100) us. */
+    /** Round trip through |target|'s loop within max(timeout, 2100) us. */
     static bool Ping(TCEventIO* target, unsigned long timeout);
 
-    /* Marks queued events of |handler| (null: this IO) as deleted; returns
+    /** Marks queued events of |handler| (null: this IO) as deleted; returns
      * the number marked, or -1 when the IO is not initialised. */
+    ///@{
     int DeleteEvent(unsigned long type, const TCHandler* handler);
+    /** The same for events of every type. */
     int DeleteEvent(const TCHandler* handler);
-    /* The number of queued events, read without the lock. */
+    ///@}
+    /** The number of queued events, read without the lock. */
     unsigned CountEvent();
 
+    /** The loop given to Init; null means the default context. */
     GMainLoop* GetMainLoop() const { return m_pMainLoop; }
+    /** The name given at construction. */
     const std::string& GetName() const { return m_Name; }
 
 private:
@@ -66,27 +81,30 @@ private:
     bool m_Insert(TCEvent* event);
     bool m_Get(TCEvent* out, TCEvent** syncOut, unsigned long timeout);
     int m_DeleteEvent(const TCHandler* handler, bool matchType, unsigned long type);
-    /* The EVENT_CLEAR_ALL clear step: empties the queue. */
+    /** The EVENT_CLEAR_ALL clear step: empties the queue. */
     void m_ClearAll();
     static gboolean m_InterIOWatch(GIOChannel* channel, GIOCondition condition, gpointer data);
 
-    /* Tests reach the queue, the pipe and the watch callback through this
+    /** Tests reach the queue, the pipe and the watch callback through this
      * peer (e.g. to call the callback with null data). */
     friend class TCEventIOTestPeer;
 
-    TCMutex m_Lock;  // guards m_EventList and m_FlagCreate
+    TCMutex m_Lock;  ///< guards m_EventList and m_FlagCreate
     std::string m_Name;
-    std::list<TCEvent*> m_EventList;  // front runs next
+    std::list<TCEvent*> m_EventList;  ///< front runs next
     bool m_FlagCreate;
-    GMainLoop* m_pMainLoop;  // not owned; null means the default context
+    GMainLoop* m_pMainLoop;  ///< not owned; null means the default context
     GSource* m_pWatch;
-    GIOChannel* m_pChannel;  // held only during Init
+    GIOChannel* m_pChannel;  ///< held only during Init
     int m_PipeFileDes[2];
 };
 
-bool SendEvent(TCEvent* event);
-bool SendSyncEvent(TCEvent* event);
-bool SendUrgentEvent(TCEvent* event);
+/** TCEventIO::SendEvent as a free function. */
+HARVO_FW_API bool SendEvent(TCEvent* event);
+/** TCEventIO::SendSyncEvent as a free function. */
+HARVO_FW_API bool SendSyncEvent(TCEvent* event);
+/** TCEventIO::SendUrgentEvent as a free function. */
+HARVO_FW_API bool SendUrgentEvent(TCEvent* event);
 
 }  // namespace Quelt
 

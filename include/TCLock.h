@@ -1,4 +1,5 @@
-/*
+/**
+ * \file TCLock.h
  * Lock primitives: a counting semaphore and a recursive mutex built on it.
  *
  * Both are constructed empty, become usable after Create() and release
@@ -10,27 +11,39 @@
 #ifndef HARVO_FW_TCLOCK_H
 #define HARVO_FW_TCLOCK_H
 
+#include "harvo-fw-export.h"
+
 #include <glib.h>
 
 namespace Quelt {
 
-/* The timeout (and repeat count) that means "without limit". It is a 32-bit
- * value on every platform: on 64-bit hosts only its low 32 bits count. */
-extern const unsigned long QUELT_INFINITY;
+/** The timeout (and repeat count) that means "without limit". It is a 32-bit
+ *  value on every platform: on 64-bit hosts only its low 32 bits count. */
+extern HARVO_FW_API const unsigned long QUELT_INFINITY;
 
-class TCSemaphore {
+/** A counting semaphore. Usable between Create() and Destroy(); any
+ *  thread may take and give. */
+class HARVO_FW_API TCSemaphore {
 public:
+    /** An empty semaphore: call Create() before using it. */
     TCSemaphore();
-    virtual ~TCSemaphore();  // releases nothing; call Destroy() first
+    /** Releases nothing; call Destroy() first. */
+    virtual ~TCSemaphore();
+    /** Wakes every waiter (their Try() fails) and frees the GLib mutex and
+     *  condition. Safe to call twice. */
     virtual void Destroy();
 
-    /* Sets the count and allocates the GLib mutex and condition. Never
-     * reports failure: an allocation failure is only logged. */
+    /** Sets the count to \p initial and allocates the GLib mutex and
+     *  condition. Never reports failure: an allocation failure is only
+     *  logged. \return true. */
     bool Create(int initial);
+    /** Takes one unit, waiting without limit until one is there. */
     void Take();
+    /** Gives one unit back and wakes one waiter. */
     void Give();
-    /* Takes one unit, waiting at most |timeout| microseconds after every
-     * wake-up. False on timeout, or when the semaphore is destroyed. */
+    /** Takes one unit, waiting at most \p timeout microseconds after every
+     *  wake-up (QUELT_INFINITY: without limit).
+     *  \return false on timeout, or when the semaphore is destroyed. */
     bool Try(unsigned long timeout);
 
 private:
@@ -41,17 +54,28 @@ private:
     friend class TCMutex;
 };
 
-class TCMutex {
+/** A recursive mutex built on TCSemaphore: the holding thread may lock
+ *  again and must unlock as often. Usable between Create() and Destroy(). */
+class HARVO_FW_API TCMutex {
 public:
+    /** An empty mutex: call Create() before using it. */
     TCMutex();
-    virtual ~TCMutex();  // releases nothing; call Destroy() first
+    /** Releases nothing; call Destroy() first. */
+    virtual ~TCMutex();
+    /** Frees the semaphore underneath. */
     virtual void Destroy();
 
+    /** Makes the mutex usable (unlocked). \return true. */
     bool Create();
-    /* Recursive: the holder may lock again and must unlock as often. */
+    /** Takes the mutex, waiting without limit. Recursive: the holder may
+     *  lock again and must unlock as often. */
     void Lock();
-    /* An unlock by a thread that does not hold the mutex is ignored. */
+    /** Releases one level of the holder's locks. An unlock by a thread that
+     *  does not hold the mutex is ignored. */
     void Unlock();
+    /** Takes the mutex, waiting at most \p timeout microseconds
+     *  (QUELT_INFINITY: without limit); the holder gets it at once.
+     *  \return false when the wait expired. */
     bool Try(unsigned long timeout);
 
 private:

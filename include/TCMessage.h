@@ -1,4 +1,5 @@
-/*
+/**
+ * \file TCMessage.h
  * TCData: a message body kept both as text and as its parsed JSON tree.
  * TCMessage: a TCData plus a code, a type string and an owned byte buffer.
  *
@@ -10,68 +11,75 @@
 #ifndef HARVO_FW_TCMESSAGE_H
 #define HARVO_FW_TCMESSAGE_H
 
+#include "harvo-fw-export.h"
+
 #include <json/json.h>
 #include <string>
 
 namespace Quelt {
 
-class TCData {
+/** A message body, kept as text and as its parsed JSON tree. */
+class HARVO_FW_API TCData {
 public:
+    /** An empty body: no text, a null tree. */
     TCData();
-    /* Takes the text and parses it; a text that is not JSON is kept as it
+    /** Takes the text and parses it; a text that is not JSON is kept as it
      * is, with a null tree and the reader's error in m_error. */
     TCData(const std::string& message);
-    /* Copies text and tree, then regenerates the text from the tree:
+    /** Copies text and tree, then regenerates the text from the tree:
      * a copy of a JSON body is compact. The error is not copied. */
     TCData(const TCData& other);
-    /* Copies text and tree only: no regeneration, the error is kept. */
+    /** Copies text and tree only: no regeneration, the error is kept. */
     TCData& operator=(const TCData& other);
     virtual ~TCData();
 
-    /* Parses the text into the tree; does nothing (true) while the tree
+    /** Parses the text into the tree; does nothing (true) while the tree
      * is non-empty. */
     bool Parse();
-    /* Rewrites the text from a non-empty tree. */
+    /** Rewrites the text from a non-empty tree. */
     void Generate();
-    /* Generates first when only the tree is set. */
+    /** Generates first when only the tree is set. */
     std::string GetMessage();
-    /* Cannot generate: answers a warning text when only the tree is set. */
+    /** Cannot generate: answers a warning text when only the tree is set. */
     std::string GetMessage() const;
-    /* Serialises a tree-only body on the spot, without storing the text. */
+    /** Serialises a tree-only body on the spot, without storing the text. */
     std::string GetString() const;
-    /* The last parse error, or "no error". */
+    /** The last parse error, or "no error". */
     std::string GetError();
-    /* Replaces the body: clears the tree, sets the text, parses. */
+    /** Replaces the body: clears the tree, sets the text, parses. */
     bool SetMessage(const std::string& message);
 
-    std::string m_message;
-    Json::Value m_value;
-    std::string m_error;
+    std::string m_message;  ///< the text (JSON as a rule)
+    Json::Value m_value;    ///< the parsed tree; null when the text is not JSON
+    std::string m_error;    ///< the last parse error, or empty
 };
 
-class TCMessage : public TCData {
+/** A message between endpoints: a JSON body (TCData), a code, a type and
+ *  an optional owned byte buffer. */
+class HARVO_FW_API TCMessage : public TCData {
 public:
+    /** An empty message: code 0, empty type, no buffer. */
     TCMessage();
-    /* Deep copy: the text is regenerated and the buffer duplicated. */
+    /** Deep copy: the text is regenerated and the buffer duplicated. */
     TCMessage(const TCMessage& other);
-    /* Deep copy; unlike TCData's assignment this regenerates the text. */
+    /** Deep copy; unlike TCData's assignment this regenerates the text. */
     TCMessage& operator=(const TCMessage& other);
     virtual ~TCMessage();
 
-    /* Replaces the buffer with a copy of |size| bytes at |buffer|; a size of
+    /** Replaces the buffer with a copy of |size| bytes at |buffer|; a size of
      * 0 leaves the message without a buffer. */
     void SetBuffer(const unsigned char* buffer, unsigned int size);
-    /* Borrows the buffer (null when none) and returns its size. */
+    /** Borrows the buffer (null when none) and returns its size. */
     unsigned int GetBuffer(unsigned char*& buffer) const;
-    /* Stores a new array copy (free it with delete[]) through |buffer| and
+    /** Stores a new array copy (free it with delete[]) through |buffer| and
      * returns its size; 0 and nothing written when there is no buffer or
      * |buffer| is null. */
     unsigned int CopyBuffer(unsigned char** buffer) const;
 
-    unsigned int m_code;
-    std::string m_type;
-    unsigned char* m_buffer;  // owned, new[]; null exactly when m_size is 0
-    unsigned int m_size;
+    unsigned int m_code;      ///< the sender's code; a reply's is the replier's
+    std::string m_type;       ///< the message type, e.g. "echo"
+    unsigned char* m_buffer;  ///< owned, new[]; null exactly when m_size is 0
+    unsigned int m_size;      ///< bytes in m_buffer
 };
 
 }  // namespace Quelt

@@ -1,4 +1,5 @@
-/*
+/**
+ * \file TCWrapperGadgetActivity.h
  * TCWrapperGadgetActivity: a gadget activity whose hooks forward to the C
  * callbacks of a pelx_gadget_activity_ops record (made by
  * pelx_init_ui_gadget). A missing callback logs "null ops" and gives the
@@ -7,6 +8,8 @@
 #ifndef HARVO_FW_TCWRAPPERGADGETACTIVITY_H
 #define HARVO_FW_TCWRAPPERGADGETACTIVITY_H
 
+#include "harvo-fw-export.h"
+
 #include <string>
 
 #include "TCGadgetActivity.h"
@@ -14,9 +17,11 @@
 
 namespace Quelt {
 
-class TCWrapperGadgetActivity : public TCGadgetActivity {
+/** The gadget activity behind the plain-function interface: every hook
+ *  calls the matching callback of a pelx_gadget_activity_ops record. */
+class HARVO_FW_API TCWrapperGadgetActivity : public TCGadgetActivity {
 public:
-    /* |ops| is borrowed: the activity never frees it. */
+    /** |ops| is borrowed: the activity never frees it. */
     TCWrapperGadgetActivity(pelx_gadget_activity_ops* ops, std::string name, bool bCreateDBus);
     virtual ~TCWrapperGadgetActivity();
 
@@ -34,6 +39,7 @@ public:
     bool t_OnMEvent(const TCEvent* event) override;
     void t_ClearMEvent(TCEvent* event) override;
 
+    /** The callbacks record given at construction (borrowed). */
     pelx_gadget_activity_ops* GetOps() { return m_pOps; }
 
 private:

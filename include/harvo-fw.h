@@ -1,4 +1,5 @@
-/*
+/**
+ * \file harvo-fw.h
  * Umbrella header: everything the framework offers to C++ clients.
  */
 #ifndef HARVO_FW_H

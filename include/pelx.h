@@ -1,4 +1,5 @@
-/*
+/**
+ * \file pelx.h
  * The plain-function interface of harvo-fw, usable from C and from any
  * language that can call C.
  *
@@ -27,146 +28,173 @@
 
 #include <ui-gadget-module.h>
 
-#if defined(__GNUC__)
-#define PELX_API __attribute__((visibility("default")))
-#else
-#define PELX_API
-#endif
+#include "harvo-fw-export.h"
+
+/** The export mark of the pelx_ functions: every one is part of the
+ * library's exported interface (see harvo-fw-export.h). */
+#define PELX_API HARVO_FW_API
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* A message: the C form of Quelt::TCMessage. */
+/** A message: the C form of Quelt::TCMessage. */
 typedef struct pelx_message_s {
-    char* info;               /* message text (JSON as a rule); null when empty; free() */
-    unsigned int code;        /* message code */
-    char* type;               /* message type; null when empty; free() */
-    unsigned char* buffer;    /* optional binary payload; released by the library */
-    unsigned int buffer_size; /* bytes in buffer */
+    char* info;               /**< message text (JSON as a rule); null when empty; free() */
+    unsigned int code;        /**< message code */
+    char* type;               /**< message type; null when empty; free() */
+    unsigned char* buffer;    /**< optional binary payload; released by the library */
+    unsigned int buffer_size; /**< bytes in buffer */
 } pelx_message_s;
 
-/* The untyped parameter word of an event; same layout as TCEvent's param. */
+/** The untyped parameter word of an event; same layout as TCEvent's param. */
 typedef struct pelx_event_param_s {
-    void* p;
+    void* p; /**< borrowed; never released by the record */
 } pelx_event_param_s;
 
-/* An event: the C form of Quelt::TCEvent. */
+/** An event: the C form of Quelt::TCEvent. */
 typedef struct pelx_event_s {
-    void* gadget;             /* receiving gadget activity; borrowed */
-    int type;                 /* event type code */
-    bool deleted;             /* deleted mark */
-    char* data;               /* text of the data body; free() */
-    char* reply;              /* text of the reply body; free() */
-    bool sync;                /* synchronous-send mark */
-    pelx_event_param_s param; /* borrowed; never released by the record */
+    void* gadget;             /**< receiving gadget activity; borrowed */
+    int type;                 /**< event type code */
+    bool deleted;             /**< deleted mark */
+    char* data;               /**< text of the data body; free() */
+    char* reply;              /**< text of the reply body; free() */
+    bool sync;                /**< synchronous-send mark */
+    pelx_event_param_s param; /**< borrowed; never released by the record */
 } pelx_event_s;
 
-/* Messages. */
+/** A new message record with every field zero; release it with
+ * pelx_destroy_message. */
 PELX_API pelx_message_s* pelx_create_message(void);
+/** Releases info, type and buffer, then the record (null ignored). */
 PELX_API void pelx_destroy_message(pelx_message_s* message);
+/** @{ */
+/** The getters answer the field itself (borrowed, not a copy); 0 or null
+ * for a null record. */
 PELX_API char* pelx_get_message_info(pelx_message_s* message);
 PELX_API unsigned int pelx_get_message_code(pelx_message_s* message);
 PELX_API char* pelx_get_message_type(pelx_message_s* message);
 PELX_API unsigned char* pelx_get_message_buffer(pelx_message_s* message);
 PELX_API unsigned int pelx_get_message_buffer_size(pelx_message_s* message);
-/* The setters take over what they are given and do not release the old
+/** @} */
+/** @{ */
+/** The setters take over what they are given and do not release the old
  * value. */
 PELX_API void pelx_set_message_info(pelx_message_s* message, char* info);
 PELX_API void pelx_set_message_code(pelx_message_s* message, unsigned int code);
 PELX_API void pelx_set_message_type(pelx_message_s* message, char* type);
 PELX_API void pelx_set_message_buffer(pelx_message_s* message, unsigned char* buffer,
                                       unsigned int size);
+/** @} */
 
-/* Events. */
+/** A new event record for the gadget activity \p gadget (borrowed), every
+ * other field zero; release it with pelx_destroy_event. */
 PELX_API pelx_event_s* pelx_create_event(void* gadget);
-/* Releases data and reply, then the record; gadget and param untouched. */
+/** Releases data and reply, then the record; gadget and param untouched. */
 PELX_API void pelx_destroy_event(pelx_event_s* event);
+/** @{ */
+/** The getters answer the field itself (borrowed); 0 or null for a null
+ * record. */
 PELX_API int pelx_get_event_type(pelx_event_s* event);
 PELX_API char* pelx_get_event_data(pelx_event_s* event);
 PELX_API char* pelx_get_event_reply(pelx_event_s* event);
-/* A null event counts as deleted: true. */
+/** @} */
+/** A null event counts as deleted: true. */
 PELX_API bool pelx_get_event_deleted(pelx_event_s* event);
-/* The address of the event's own param member (not a copy). */
+/** The address of the event's own param member (not a copy). */
 PELX_API pelx_event_param_s* pelx_get_event_param(pelx_event_s* event);
+/** @{ */
+/** The setters take over what they are given and do not release the old
+ * value; a null record is ignored. */
 PELX_API void pelx_set_event_type(pelx_event_s* event, int type);
 PELX_API void pelx_set_event_data(pelx_event_s* event, char* data);
 PELX_API void pelx_set_event_reply(pelx_event_s* event, char* reply);
 PELX_API void pelx_set_event_deleted(pelx_event_s* event, bool deleted);
-/* Copies *param into the event; ignored when either pointer is null. */
+/** @} */
+/** Copies *param into the event; ignored when either pointer is null. */
 PELX_API void pelx_set_event_param(pelx_event_s* event, const pelx_event_param_s* param);
 
 /* Sending and signals. |source| names one of this process's servers (the
  * application or a gadget activity), |target| the receiving server. */
 
-/* Asynchronous send. |reply| is never written (it may be null): the answer
+/** Asynchronous send. |reply| is never written (it may be null): the answer
  * arrives through the source server's reply hook. False for a null
  * message. */
 PELX_API bool pelx_send_message(const char* source, const char* target, pelx_message_s* message,
                                 pelx_message_s* reply);
-/* Synchronous send. Both records are required. The reply record is
+/** Synchronous send. Both records are required. The reply record is
  * rewritten in every case (also when the send failed); its old info, type
  * and buffer are released first, and the caller owns the new ones. */
 PELX_API bool pelx_send_message_sync(const char* source, const char* target,
                                      pelx_message_s* message, pelx_message_s* reply);
-/* Posts a copy of |event| to the event queue of its gadget. */
+/** Posts a copy of |event| to the event queue of its gadget. */
 PELX_API bool pelx_send_event(pelx_event_s* event);
-/* Emits |signalName| from |source|; a null message emits an empty one. */
+/** Emits |signalName| from |source|; a null message emits an empty one. */
 PELX_API bool pelx_send_signal(const char* source, const char* signalName, pelx_message_s* message);
 
-/* A signal callback; |message| lives only for the duration of the call. */
+/** A signal callback; |message| lives only for the duration of the call. */
 typedef void (*pelx_signal_handler)(const char* from, const char* signalName,
                                     pelx_message_s* message, void* userData);
-/* Subscribes |source| to |signalName| emitted by the server |from|
+/** Subscribes |source| to |signalName| emitted by the server |from|
  * (required). */
 PELX_API bool pelx_subscribe_signal(const char* source, const char* from, const char* signalName,
                                     pelx_signal_handler handler, void* userData);
+/** Cancels the subscription of |source| to |signalName| from |from|; false
+ * when there is none. */
 PELX_API bool pelx_unsubscribe_signal(const char* source, const char* from, const char* signalName);
 
-/* Gadgets written in C. The gadget fills a pelx_gadget_activity_ops record
+/** Gadgets written in C. The gadget fills a pelx_gadget_activity_ops record
  * with its callbacks and calls pelx_init_ui_gadget from UG_MODULE_INIT; the
  * framework creates the activity behind it. Every callback gets the
  * record's priv_data last. */
+/** Creates the gadget's layout and returns it; null fails the creation. */
 typedef void* (*pelx_gadget_create_cb)(struct ui_gadget_s* ug, enum ug_mode mode,
                                        struct app_control_s* service, void* priv);
+/** Start, pause, resume or destroy of the gadget. */
 typedef void (*pelx_gadget_state_cb)(struct ui_gadget_s* ug, struct app_control_s* service,
                                      void* priv);
+/** A user message from the host. */
 typedef void (*pelx_gadget_message_cb)(struct ui_gadget_s* ug, struct app_control_s* msg,
                                        struct app_control_s* service, void* priv);
+/** A system event from the UI gadget library. */
 typedef void (*pelx_gadget_event_cb)(struct ui_gadget_s* ug, enum ug_event event,
                                      struct app_control_s* service, void* priv);
-/* True when the event was handled. The record lives only during the call. */
+/** True when the event was handled. The record lives only during the call. */
 typedef bool (*pelx_gadget_pelx_event_cb)(pelx_event_s* event, void* priv);
+/** Releases what an event carries, after it ran. */
 typedef void (*pelx_gadget_clear_pelx_event_cb)(pelx_event_s* event, void* priv);
-/* What the callback writes into |reply| is what the sender receives.
+/** What the callback writes into |reply| is what the sender receives.
  * |extra| is null for a message, the signal name for a signal subscribed
  * without callback. */
 typedef bool (*pelx_gadget_msg_received_cb)(const char* sender, pelx_message_s* message,
                                             pelx_message_s* reply, const char* extra, void* priv);
+/** The reply of an asynchronous send arrived; the record lives only
+ * during the call. */
 typedef bool (*pelx_gadget_msg_replied_cb)(const char* sender, pelx_message_s* message, void* priv);
 
-/* Thirteen pointer-sized slots, in this order. */
+/** Thirteen pointer-sized slots, in this order. */
 typedef struct pelx_gadget_activity_ops {
-    pelx_gadget_create_cb create_cb;
-    pelx_gadget_state_cb start_cb;
-    pelx_gadget_state_cb pause_cb;
-    pelx_gadget_state_cb resume_cb;
-    pelx_gadget_state_cb destroy_cb;
-    pelx_gadget_message_cb message_cb;
-    pelx_gadget_event_cb event_cb;
-    pelx_gadget_pelx_event_cb pelx_event_cb;
-    pelx_gadget_clear_pelx_event_cb clear_pelx_event_cb;
-    pelx_gadget_msg_received_cb pelx_msg_received_cb;
-    pelx_gadget_msg_replied_cb pelx_msg_replied_cb;
-    void* event_handler; /* the activity made by pelx_init_ui_gadget */
-    void* priv_data;     /* the gadget's own data */
+    pelx_gadget_create_cb create_cb;                     /**< the gadget is created */
+    pelx_gadget_state_cb start_cb;                       /**< the gadget starts */
+    pelx_gadget_state_cb pause_cb;                       /**< the gadget is paused */
+    pelx_gadget_state_cb resume_cb;                      /**< the gadget is resumed */
+    pelx_gadget_state_cb destroy_cb;                     /**< the gadget is destroyed */
+    pelx_gadget_message_cb message_cb;                   /**< a user message from the host */
+    pelx_gadget_event_cb event_cb;                       /**< a system event */
+    pelx_gadget_pelx_event_cb pelx_event_cb;             /**< an event posted to the gadget */
+    pelx_gadget_clear_pelx_event_cb clear_pelx_event_cb; /**< an event's clear step */
+    pelx_gadget_msg_received_cb pelx_msg_received_cb;    /**< a message or signal arrived */
+    pelx_gadget_msg_replied_cb pelx_msg_replied_cb;      /**< an asynchronous reply arrived */
+    void* event_handler; /**< the activity made by pelx_init_ui_gadget */
+    void* priv_data;     /**< the gadget's own data */
 } pelx_gadget_activity_ops;
 
-/* Every slot null but priv_data. */
+/** Every slot null but priv_data. */
 PELX_API pelx_gadget_activity_ops* pelx_create_gadget_activity_ops(void* priv_data);
-/* Frees the record (null ignored); the activity is not touched. */
+/** Frees the record (null ignored); the activity is not touched. */
 PELX_API void pelx_destory_gadget_activity_ops(pelx_gadget_activity_ops* ops);
-/* Setters: a null record is ignored. */
+/** @{ */
+/** Setters of the callbacks: a null record is ignored. */
 PELX_API void pelx_set_gadget_create_cb(pelx_gadget_activity_ops* ops, pelx_gadget_create_cb cb);
 PELX_API void pelx_set_gadget_start_cb(pelx_gadget_activity_ops* ops, pelx_gadget_state_cb cb);
 PELX_API void pelx_set_gadget_pause_cb(pelx_gadget_activity_ops* ops, pelx_gadget_state_cb cb);
@@ -182,17 +210,21 @@ PELX_API void pelx_set_gadget_pelx_msg_received_cb(pelx_gadget_activity_ops* ops
                                                    pelx_gadget_msg_received_cb cb);
 PELX_API void pelx_set_gadget_pelx_msg_replied_cb(pelx_gadget_activity_ops* ops,
                                                   pelx_gadget_msg_replied_cb cb);
-/* Getters: null for a null record. */
+/** @} */
+/** @{ */
+/** Getters: the gadget's own data and the activity made by
+ * pelx_init_ui_gadget; null for a null record. */
 PELX_API void* pelx_get_gadget_priv_data(pelx_gadget_activity_ops* ops);
 PELX_API void* pelx_get_gadget_event_handler(pelx_gadget_activity_ops* ops);
-/* The application's name ("nil" while there is none). */
+/** @} */
+/** The application's name ("nil" while there is none). */
 PELX_API const char* pelx_get_app_name(void);
 
-/* Module entry: creates the activity named |name| (not null) for |gops|
+/** Module entry: creates the activity named |name| (not null) for |gops|
  * (not null) and points |ops| at it; -1 when |ops| is null. */
 PELX_API int pelx_init_ui_gadget(struct ug_module_ops* ops, pelx_gadget_activity_ops* gops,
                                  enum ug_option option, const char* name, bool bCreateDBus);
-/* Module exit: deletes the activity and returns its record for
+/** Module exit: deletes the activity and returns its record for
  * pelx_destory_gadget_activity_ops; null when |ops| is null or has no
  * activity. The private data of |ops| is left as it was: do not call twice. */
 PELX_API pelx_gadget_activity_ops* pelx_exit_ui_gadget(struct ug_module_ops* ops);

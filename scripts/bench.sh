@@ -3,7 +3,8 @@
 # one table: every row runs the framework case and its reference in the
 # same process, alternating, with both figures and their ratio.
 #
-# Usage: sudo bash scripts/bench.sh [--quick]
+# Usage: bash scripts/bench.sh [--quick]      (as root, or through sudo, when
+#        packages are missing: scripts/install-deps.sh installs them)
 #   --quick   fewer repetitions and iterations (a smoke run, ~15 s)
 #
 # HARVO_BUILD_PREFIX=DIR puts build-bench/ under DIR; JOBS sets the build's
@@ -15,7 +16,10 @@ BUILD=${HARVO_BUILD_PREFIX:-$ROOT}/build-bench
 JOBS=${JOBS:-2}
 
 echo "==> Dependencies (scripts/install-deps.sh)"
-bash "$ROOT/scripts/install-deps.sh"
+if ! bash "$ROOT/scripts/install-deps.sh"; then
+    echo "bench.sh: installing the dependencies failed (see above: run as root, or through sudo)" >&2
+    exit 1
+fi
 
 echo "==> Building in $BUILD (Release)"
 cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release \

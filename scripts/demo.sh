@@ -47,7 +47,10 @@ banner() {
 }
 
 banner "Installing the Debian packages harvo-fw needs"
-bash "$ROOT/scripts/install-deps.sh"
+if ! bash "$ROOT/scripts/install-deps.sh"; then
+    echo "demo.sh: installing the dependencies failed (see above: run as root, or through sudo)" >&2
+    exit 1
+fi
 
 banner "Building harvo-fw and the examples in $BUILD (RelWithDebInfo)"
 cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \

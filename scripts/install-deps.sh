@@ -5,7 +5,8 @@
 #
 # Usage: scripts/install-deps.sh [extra-package...]
 #
-# Needs root (or sudo) only when something is missing.
+# Needs root only when something is missing: run it as root (a fresh Debian
+# root shell has no sudo), or through sudo where a user has it.
 set -euo pipefail
 
 PACKAGES=(
@@ -28,8 +29,18 @@ PACKAGES=(
     libgmock-dev
     libbenchmark-dev
     python3
+    # the system-bus policy test runs a service as an unprivileged user
+    util-linux           # setpriv
+    dbus-system-bus-common  # the stock system bus policy the test starts from
+    # the API reference (cmake --build build --target docs)
+    doxygen
     # source formatting (scripts/format.sh)
     clang-format
+    # binary-interface check (scripts/check-abi.sh): abidw, abidiff
+    abigail-tools
+    # the package recipe's check (rpmspec -P) and harvo-bus's manual page
+    rpm
+    help2man
 )
 PACKAGES+=("$@")
 
@@ -49,7 +60,15 @@ fi
 
 echo "install-deps: missing packages: ${missing[*]}"
 if [[ $(id -u) -ne 0 ]]; then
-    echo "install-deps: installing packages needs root; run: sudo bash $0 $*" >&2
+    {
+        echo "install-deps: installing the missing packages needs root:"
+        echo "  as root (e.g. after su -):  bash $0 $*"
+        if command -v sudo >/dev/null 2>&1; then
+            echo "  or through sudo:            sudo bash $0 $*"
+        else
+            echo "  (there is no sudo on this machine)"
+        fi
+    } >&2
     exit 1
 fi
 

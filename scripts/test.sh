@@ -9,6 +9,9 @@
 #                                (events, tasks, alarms, locks, bus)
 #   4. Bench      (build-bench/) the bench command's short run: the table
 #                                must come out whole
+#   5. ABI        (build-abi/)   Release libraries compared with the baseline
+#                                under abi/ (scripts/check-abi.sh); runs in
+#                                every mode, --quick included
 #
 # Usage: scripts/test.sh [--quick] [--no-sanitizers]
 #   --quick           Debug only, slow tests skipped
@@ -119,7 +122,7 @@ start=$SECONDS
 
 banner "Dependencies (scripts/install-deps.sh)"
 if ! bash "$ROOT/scripts/install-deps.sh"; then
-    echo "test.sh: installing the dependencies failed" >&2
+    echo "test.sh: installing the dependencies failed (see above: run as root, or through sudo)" >&2
     exit 1
 fi
 
@@ -221,6 +224,22 @@ if [[ $sanitizers -eq 1 ]]; then
         SUMMARY+=("bench: exit $bench_rc, rows missing: ${missing[*]:-none}")
         FAILED_STAGES+=("bench")
     fi
+fi
+
+# ---------------------------------------------------------------------------
+# The binary interface: any difference from the committed baseline fails
+# until the baseline is deliberately regenerated (scripts/update-abi.sh).
+banner "ABI check (scripts/check-abi.sh, Release in $PREFIX/build-abi)"
+abi_log="$PREFIX/build-abi-check.log"
+HARVO_BUILD_PREFIX="$PREFIX" HARVO_JOBS="$JOBS" bash "$ROOT/scripts/check-abi.sh" 2>&1 | tee "$abi_log"
+abi_rc=${PIPESTATUS[0]}
+abi_lines=$(grep -E '^check-abi.sh: .*(unchanged|differs|no baseline|blind)' "$abi_log" |
+    sed -E 's/^check-abi.sh: //; s/ \(abidiff exit [0-9]+\)\.$//' | paste -sd ';' -)
+if [[ $abi_rc -eq 0 ]]; then
+    SUMMARY+=("abi:   ${abi_lines:-unchanged}")
+else
+    SUMMARY+=("abi:   FAILED (exit $abi_rc): ${abi_lines:-see the log above}")
+    FAILED_STAGES+=("abi")
 fi
 
 # ---------------------------------------------------------------------------

@@ -310,13 +310,24 @@ void TCServer::m_OnNameAcquired(GDBusConnection* /*connection*/, const gchar* /*
     });
 }
 
-void TCServer::m_OnNameLost(GDBusConnection* /*connection*/, const gchar* /*name*/,
-                            gpointer userData) {
+void TCServer::m_OnNameLost(GDBusConnection* connection, const gchar* name, gpointer userData) {
     QLOGI("");
-    if (userData == nullptr) {
+    TCServer* server = static_cast<TCServer*>(userData);
+    if (server == nullptr) {
         QLOGW("%s is null", "pThis");
+        return;
     }
-    // A lost name is neither retried nor reported further.
+    // GDBus reports a name it could not get and a name it lost alike. The
+    // endpoint stays deaf either way (no retry): say which one and why, so
+    // the application can close it and create it again.
+    const char* busName = name != nullptr ? name : server->m_busName.c_str();
+    if (connection == nullptr || g_dbus_connection_is_closed(connection)) {
+        QLOGE("%s lost the bus name %s: the bus connection is closed", server->m_name.c_str(),
+              busName);
+    } else {
+        QLOGE("%s lost the bus name %s: refused by the bus policy or taken by another owner",
+              server->m_name.c_str(), busName);
+    }
 }
 
 bool TCServer::IsServiceAvailable(const char* serviceName) {

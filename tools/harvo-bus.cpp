@@ -4,6 +4,8 @@
 // signal needs an object to emit from, so "emit" creates an application
 // endpoint under the tool's own name for the length of the call.
 //
+// "policy" needs no bus: it prints the system-bus policy an endpoint needs.
+//
 // Exit status: 0 success, 1 the operation failed, 2 bad usage or input.
 
 #include <glib-unix.h>
@@ -22,6 +24,7 @@
 
 #include "TCMessage.h"
 #include "TCServer.h"
+#include "TCServerHelper.h"
 
 #if __has_include(<dlog-host.h>)
 #include <dlog-host.h>
@@ -55,6 +58,9 @@ const char kUsage[] =
     "  listen ENDPOINT SIGNAL    Prints every SIGNAL that ENDPOINT broadcasts, until\n"
     "                            --count signals arrived, --timeout passed, or\n"
     "                            Ctrl-C.\n"
+    "  policy ENDPOINT           Prints the system-bus policy (for the daemon's\n"
+    "                            system.d directory) that lets --user/--group own\n"
+    "                            ENDPOINT's bus name and everyone call it.\n"
     "\n"
     "Message options (send, emit):\n"
     "  --json TEXT               JSON body (default {})\n"
@@ -76,10 +82,16 @@ const char kUsage[] =
     "  --timeout MS              stop after MS milliseconds (exit 1 if --count\n"
     "                            signals did not all arrive, else 0)\n"
     "\n"
+    "Policy options:\n"
+    "  --user USER               the user that runs the endpoint (default root\n"
+    "                            when no --group is given)\n"
+    "  --group GROUP             a group whose members may run the endpoint\n"
+    "\n"
     "Other options:\n"
     "  --name NAME               this tool's endpoint name (default harvo-bus)\n"
     "  --verbose                 show the framework's log on standard error\n"
     "  -h, --help                show this help\n"
+    "  --version                 show the version of the tool and the framework\n"
     "\n"
     "Exit status: 0 success, 1 the operation failed (endpoint missing, send\n"
     "failed, nothing arrived in time), 2 bad usage or unreadable input.\n";
@@ -101,6 +113,9 @@ struct Options {
     int count = -1;
     bool verbose = false;
     bool help = false;
+    std::string policyUser;
+    std::string policyGroup;
+    bool version = false;
 };
 
 // A usage or input error: message for standard error, exit status 2.
@@ -173,6 +188,8 @@ Options ParseArguments(int argc, char** argv) {
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
             options.help = true;
+        } else if (arg == "--version") {
+            options.version = true;
         } else if (arg == "--verbose") {
             options.verbose = true;
         } else if (arg == "--async") {
@@ -196,6 +213,11 @@ Options ParseArguments(int argc, char** argv) {
             options.code = static_cast<unsigned int>(ParseNumber(arg, value(i), 0xFFFFFFFFUL));
         } else if (arg == "--timeout") {
             options.timeoutMs = static_cast<int>(ParseNumber(arg, value(i), 0x7FFFFFFFUL));
+        } else if (arg == "--user" || arg == "--group") {
+            std::string& account = arg == "--user" ? options.policyUser : options.policyGroup;
+            account = value(i);
+            if (account.empty())
+                throw UsageError{arg + " must not be empty"};
         } else if (arg == "--count") {
             options.count = static_cast<int>(ParseNumber(arg, value(i), 0x7FFFFFFFUL));
         } else if (arg.size() > 1 && arg[0] == '-') {
@@ -491,15 +513,95 @@ int Listen(const Options& options) {
     return kExitOk;
 }
 
+// ---------------------------------------------------------------------------
+// The bus policy
+
+// User and group names go into XML attributes: only the characters of
+// portable account names (and a trailing "$", as machine accounts have).
+bool IsAccountName(const std::string& name) {
+    if (name.empty() || name[0] == '-')
+        return false;
+    for (size_t i = 0; i < name.size(); ++i) {
+        const char c = name[i];
+        const bool portable = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
+                              (c >= 'a' && c <= 'z') || c == '_' || c == '.' || c == '-';
+        if (!portable && !(c == '$' && i + 1 == name.size()))
+            return false;
+    }
+    return true;
+}
+
+// The rules that let the endpoint's own process run it. Owning the name is
+// what the stock system bus denies; the signals it emits (the announcement
+// "service_start_default" and its own) are allowed explicitly for buses
+// whose default denies them.
+void PrintOwnerPolicy(std::ostream& out, const char* attribute, const std::string& account,
+                      const std::string& busName) {
+    out << "  <policy " << attribute << "=\"" << account << "\">\n"
+        << "    <allow own=\"" << busName << "\"/>\n"
+        << "    <allow send_type=\"signal\" send_interface=\"" << busName << "\"/>\n"
+        << "  </policy>\n";
+}
+
+int Policy(const Options& options) {
+    ExpectArguments(options, 1, "policy ENDPOINT [--user USER] [--group GROUP]");
+    // The bus name exactly as the endpoint makes it.
+    std::string busName = options.arguments[0] + ".message";
+    Quelt::TCServerHelper::FormatDBusName(busName);
+    if (!g_dbus_is_name(busName.c_str()) || g_dbus_is_unique_name(busName.c_str()))
+        throw UsageError{"\"" + options.arguments[0] + "\" gives the bus name \"" + busName +
+                         "\", which the bus does not accept"};
+    for (const std::string* account : {&options.policyUser, &options.policyGroup}) {
+        if (!account->empty() && !IsAccountName(*account))
+            throw UsageError{"\"" + *account + "\" is not a user or group name"};
+    }
+    const std::string user =
+        options.policyUser.empty() && options.policyGroup.empty() ? "root" : options.policyUser;
+
+    std::ostringstream out;
+    out << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+        << " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+        << "<!-- System bus policy of the harvo-fw endpoint with the bus name " << busName
+        << ",\n     made by harvo-bus policy. -->\n"
+        << "<busconfig>\n";
+    if (!user.empty())
+        PrintOwnerPolicy(out, "user", user, busName);
+    if (!options.policyGroup.empty())
+        PrintOwnerPolicy(out, "group", options.policyGroup, busName);
+    // Everyone may call the message interface, introspect the object and
+    // ping it; replies need no rule (requested replies pass), and every
+    // process may receive the endpoint's signals.
+    out << "  <policy context=\"default\">\n"
+        << "    <allow send_destination=\"" << busName << "\" send_interface=\"" << busName
+        << "\"/>\n"
+        << "    <allow send_destination=\"" << busName
+        << "\" send_interface=\"org.freedesktop.DBus.Introspectable\"/>\n"
+        << "    <allow send_destination=\"" << busName
+        << "\" send_interface=\"org.freedesktop.DBus.Peer\"/>\n"
+        << "    <allow receive_type=\"signal\" receive_interface=\"" << busName << "\"/>\n"
+        << "  </policy>\n"
+        << "</busconfig>\n";
+    std::cout << out.str();
+    return kExitOk;
+}
+
 int Run(int argc, char** argv) {
     const Options options = ParseArguments(argc, argv);
     if (options.help) {
         std::cout << kUsage;
         return kExitOk;
     }
+    if (options.version) {
+        std::cout << "harvo-bus (harvo-fw) " << HARVO_FW_VERSION << "\n";
+        return kExitOk;
+    }
     SetUpLog(options.verbose);
     if (options.command.empty())
         throw UsageError{"no command given"};
+    if (options.command == "policy")
+        return Policy(options);
+    if (!options.policyUser.empty() || !options.policyGroup.empty())
+        throw UsageError{"--user and --group belong to the policy command"};
     if (options.command == "available")
         return Available(options);
     if (options.command == "send")

@@ -335,8 +335,18 @@ TEST(BusLifecycle, NameLostToAReplacingOwner) {
         return false;
     });
     EXPECT_TRUE(lost) << capture.Dump();
-    // Nothing else happens: no retry, no report.
+    // The endpoint is deaf from now on, and one error line says so; no retry.
+    EXPECT_TRUE(harvo_bus_test::PumpForLog(
+        capture, DLOG_ERROR,
+        "dup lost the bus name dup.message: refused by the bus policy or taken by another owner"))
+        << capture.Dump();
+    EXPECT_EQ(CountPrefix(capture, DLOG_ERROR, "dup lost the bus name"), 1u);
     EXPECT_EQ(CountPrefix(capture, DLOG_WARN, "pThis"), 0u);
+    // The entry line comes first, as before.
+    EXPECT_LT(harvo_bus_test::IndexOf(capture, ""),
+              harvo_bus_test::IndexOf(capture,
+                                      "dup lost the bus name dup.message: refused by the "
+                                      "bus policy or taken by another owner"));
 }
 
 TEST(BusLifecycle, NameCallbacksWithoutServer) {

@@ -6,7 +6,14 @@
 #   - consumer/main.cpp builds with `pkg-config --cflags --libs harvo-fw`;
 #   - consumer/ builds as a CMake project with find_package(harvo-fw);
 #   - both programs run, print the copied JSON text and make the framework
-#     write its log line for a refused Try.
+#     write its log line for a refused Try;
+#   - neither program links the platform library, which it does not call
+#     (pkg-config lists it in Requires.private; CMake links it privately);
+#   - pkg-config states the minimum versions of the dependencies;
+#   - the CMake version file accepts 0.<minor> only, and a missing
+#     dependency makes harvo-fw_FOUND false without stopping the consumer;
+#   - the installed harvo-bus runs from the prefix without the loader's
+#     path, prints its version, and its manual page is installed.
 #
 # Usage: consumer_test.sh BUILD_DIR CONSUMER_DIR WORK_DIR [CMAKE] [CXX]
 set -euo pipefail
@@ -61,6 +68,28 @@ echo "libs:   $libs"
 [[ "$cflags" == *"-I$prefix/include/harvo-fw"* ]] || fail "cflags do not point into the prefix"
 [[ "$libs" == *"-L$libdir"* ]] || fail "libs do not point into the prefix"
 
+step "pkg-config: minimum versions, the platform only where it is needed"
+requires=$(pkg-config --print-requires harvo-fw)
+echo "requires: $(tr '\n' ' ' <<<"$requires")"
+for module in "glib-2.0 >= " "gio-2.0 >= " "jsoncpp >= "; do
+    grep -q "^$module[0-9]" <<<"$requires" || fail "harvo-fw.pc: no minimum version for '$module'"
+done
+grep -q harvo-host-platform <<<"$requires" && fail "harvo-fw.pc: the platform is a public requirement"
+requires_private=$(pkg-config --print-requires-private harvo-fw)
+grep -q "^harvo-host-platform" <<<"$requires_private" ||
+    fail "harvo-fw.pc: the platform is missing from Requires.private"
+grep -q "^gthread-2.0 >= [0-9]" <<<"$requires_private" ||
+    fail "harvo-fw.pc: gthread-2.0 is missing from Requires.private"
+[[ " $libs " == *" -lharvo-host-platform "* ]] && fail "pkg-config --libs links the platform: $libs"
+[[ "$cflags" == *"-I$prefix/include/harvo-host-platform"* ]] ||
+    fail "pkg-config --cflags lacks the platform headers the public headers include"
+static_libs=$(pkg-config --static --libs harvo-fw)
+[[ " $static_libs " == *" -lharvo-host-platform "* ]] ||
+    fail "pkg-config --static --libs does not link the platform: $static_libs"
+host_requires=$(pkg-config --print-requires harvo-host-platform)
+grep -q "^glib-2.0 >= [0-9]" <<<"$host_requires" ||
+    fail "harvo-host-platform.pc: no minimum version for glib-2.0"
+
 step "compiling every installed header on its own"
 for header in "$prefix"/include/harvo-fw/*.h; do
     name=$(basename "$header")
@@ -107,9 +136,83 @@ if command -v ninja >/dev/null; then generator=(-G Ninja); fi
     { cat "$work/cmake-build.log"; fail "building the CMake consumer failed"; }
 check_run "$work/consumer-cmake/consumer"
 
+# needed_libraries PROGRAM: its DT_NEEDED entries, one a line.
+needed_libraries() {
+    objdump -p "$1" | awk '$1 == "NEEDED" { print $2 }'
+}
+
+step "the consumers link harvo-fw and not the platform they do not call"
+for program in "$work/consumer-pkgconfig" "$work/consumer-cmake/consumer"; do
+    needed=$(needed_libraries "$program")
+    grep -qx 'libharvo-fw.so.0' <<<"$needed" || fail "$program does not link libharvo-fw.so.0"
+    if grep -q 'libharvo-host-platform' <<<"$needed"; then
+        fail "$program links the platform library: $(tr '\n' ' ' <<<"$needed")"
+    fi
+done
+
 step "running the CMake consumer without LD_LIBRARY_PATH (its RUNPATH and the library's \$ORIGIN)"
 missing=$(env -u LD_LIBRARY_PATH ldd "$work/consumer-cmake/consumer" | grep 'not found' || true)
 [[ -z "$missing" ]] || fail "libraries not found without LD_LIBRARY_PATH: $missing"
 env -u LD_LIBRARY_PATH ldd "$work/consumer-cmake/consumer" | grep harvo
+
+# probe LABEL [cmake args...]: configures probe/ against the prefix and
+# prints its one "probe:" line.
+probe() {
+    local label=$1
+    shift
+    local log="$work/probe-$label.log"
+    "$cmake_cmd" -S "$consumer_dir/../probe" -B "$work/probe-$label" "${generator[@]}" \
+        -DCMAKE_PREFIX_PATH="$prefix" "$@" >"$log" 2>&1 ||
+        { cat "$log"; fail "configuring the probe ($label) failed"; }
+    grep -m1 -- '-- probe:' "$log" | sed 's/^-- //'
+}
+
+step "the CMake version file: 0.<minor> versions are incompatible with each other"
+IFS=. read -r major minor _ < <(pkg-config --modversion harvo-fw)
+[[ "$major" == 0 ]] || fail "version $major.$minor: these checks assume a 0.x version"
+for request in "$major.$minor" "$major.$minor.0"; do
+    outcome=$(probe "same-$request" -DPROBE_VERSION="$request")
+    echo "asking for $request: $outcome"
+    [[ "$outcome" == "probe: found harvo-fw $major.$minor."* ]] || fail "$request was refused"
+done
+for request in "$major.$((minor + 1))" "$major.$((minor - 1))" "$((major + 1)).0"; do
+    [[ "$request" == *-1 ]] && continue
+    outcome=$(probe "other-$request" -DPROBE_VERSION="$request")
+    echo "asking for $request: $outcome"
+    [[ "$outcome" == "probe: harvo-fw not found"* ]] || fail "$request was accepted: $outcome"
+done
+
+step "the CMake config file reports a missing dependency through harvo-fw_FOUND"
+# A jsoncpp older than the minimum, found first by pkg-config.
+old_pc="$work/old-jsoncpp-pc"
+mkdir -p "$old_pc"
+printf '%s\n' 'Name: jsoncpp' 'Description: too old' 'Version: 0.1.0' 'Libs:' 'Cflags:' \
+    >"$old_pc/jsoncpp.pc"
+outcome=$(PKG_CONFIG_PATH="$old_pc:$PKG_CONFIG_PATH" probe old-jsoncpp)
+echo "with jsoncpp 0.1.0: $outcome"
+[[ "$outcome" == "probe: harvo-fw not found: harvo-fw needs jsoncpp >= "* ]] ||
+    fail "an old jsoncpp was not reported: $outcome"
+PKG_CONFIG_PATH="$old_pc:$PKG_CONFIG_PATH" pkg-config --exists harvo-fw &&
+    fail "pkg-config accepts harvo-fw with jsoncpp 0.1.0"
+outcome=$(probe plain)
+echo "with the real dependencies: $outcome"
+[[ "$outcome" == "probe: found harvo-fw "* ]] || fail "harvo-fw not found: $outcome"
+
+step "the installed harvo-bus runs from the prefix, with its version and manual page"
+tool="$prefix/bin/harvo-bus"
+[[ -x "$tool" ]] || fail "harvo-bus not installed in $prefix/bin"
+missing=$(env -u LD_LIBRARY_PATH ldd "$tool" | grep 'not found' || true)
+[[ -z "$missing" ]] || fail "harvo-bus: libraries not found without LD_LIBRARY_PATH: $missing"
+runpath=$(objdump -p "$tool" | awk '$1 == "RUNPATH" { print $2 }')
+echo "harvo-bus RUNPATH: $runpath"
+[[ "$runpath" == '$ORIGIN/'* ]] || fail "harvo-bus has no run path relative to itself: '$runpath'"
+version=$(env -u LD_LIBRARY_PATH "$tool" --version) || fail "harvo-bus --version failed"
+echo "$version"
+[[ "$version" == "harvo-bus (harvo-fw) $(pkg-config --modversion harvo-fw)" ]] ||
+    fail "unexpected version line '$version'"
+man_page="$prefix/share/man/man1/harvo-bus.1"
+[[ -f "$man_page" ]] || fail "manual page not installed at $man_page"
+grep -q '^\.TH HARVO-BUS "1"' "$man_page" || fail "$man_page is not a section 1 page"
+grep -qF -- '\-\-version' "$man_page" || fail "$man_page does not describe --version"
 
 echo "install test: OK"

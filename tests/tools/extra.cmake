@@ -7,6 +7,15 @@ foreach(tool_test_source ${HARVO_TOOL_TEST_SOURCES})
     target_compile_definitions(${tool_test_target} PRIVATE
         HARVO_PEER_PATH="$<TARGET_FILE:bus_peer>"
         HARVO_BUS_TOOL_PATH="$<TARGET_FILE:harvo-bus>"
-        HARVO_BUS_CONFIG="${PROJECT_SOURCE_DIR}/tests/bus/system-bus.conf")
+        HARVO_FW_VERSION="${PROJECT_VERSION}"
+        HARVO_BUS_CONFIG="${PROJECT_SOURCE_DIR}/tests/bus/system-bus.conf"
+        HARVO_WEATHER_POLICY="${PROJECT_SOURCE_DIR}/packaging/dbus-1/harvo-fw-weather.conf")
     add_dependencies(${tool_test_target} bus_peer harvo-bus)
 endforeach()
+
+# The tool's policy on a daemon with the stock system bus policy, the
+# endpoints run by unprivileged users (needs root: skipped otherwise).
+add_test(NAME tools_stock_policy
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/stock_policy_test.sh
+        $<TARGET_FILE:harvo-bus> $<TARGET_FILE:bus_peer>)
+set_tests_properties(tools_stock_policy PROPERTIES LABELS unit TIMEOUT 120 SKIP_RETURN_CODE 77)

@@ -3,6 +3,7 @@
 // and buffers, emitting and listening, and its answers to bad input.
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -116,10 +117,23 @@ protected:
 TEST(HarvoBusToolUsage, HelpDescribesEveryCommandAndExitsZero) {
     const Outcome outcome = RunTool({"--help"});
     EXPECT_EQ(0, outcome.status);
-    for (const char* text :
-         {"Usage: harvo-bus", "available ENDPOINT", "send ENDPOINT", "emit SIGNAL",
-          "listen ENDPOINT SIGNAL", "--json-file", "--buffer-file", "Exit status"})
+    for (const char* text : {"Usage: harvo-bus", "available ENDPOINT", "send ENDPOINT",
+                             "emit SIGNAL", "listen ENDPOINT SIGNAL", "policy ENDPOINT", "--group",
+                             "--json-file", "--buffer-file", "Exit status"})
         EXPECT_TRUE(outcome.Has(text)) << text << "\n" << outcome.All();
+}
+
+TEST(HarvoBusToolUsage, VersionNamesToolAndFrameworkAndExitsZero) {
+    const Outcome outcome = RunTool({"--version"});
+    EXPECT_EQ(0, outcome.status);
+    ASSERT_EQ(1u, outcome.lines.size()) << outcome.All();
+    EXPECT_EQ("harvo-bus (harvo-fw) " HARVO_FW_VERSION, outcome.lines[0]);
+}
+
+TEST(HarvoBusToolUsage, HelpListsTheVersionOption) {
+    const Outcome outcome = RunTool({"--help"});
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_TRUE(outcome.Has("--version")) << outcome.All();
 }
 
 TEST(HarvoBusToolUsage, BadUsageIsExplainedWithStatusTwo) {
@@ -144,6 +158,90 @@ TEST(HarvoBusToolUsage, BadUsageIsExplainedWithStatusTwo) {
         EXPECT_EQ(2, outcome.status) << outcome.All();
         EXPECT_TRUE(outcome.Has(c.error)) << c.error << "\n" << outcome.All();
         EXPECT_TRUE(outcome.Has("Try 'harvo-bus --help'")) << outcome.All();
+    }
+}
+
+// The policy of an endpoint, line by line, as the daemon reads it.
+std::string ExpectedPolicy(const std::string& busName, const std::vector<std::string>& owners) {
+    std::string policy =
+        "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+        "<!-- System bus policy of the harvo-fw endpoint with the bus name " +
+        busName +
+        ",\n"
+        "     made by harvo-bus policy. -->\n"
+        "<busconfig>\n";
+    for (const std::string& owner : owners) {
+        policy += "  <policy " + owner + ">\n" + "    <allow own=\"" + busName + "\"/>\n" +
+                  "    <allow send_type=\"signal\" send_interface=\"" + busName + "\"/>\n" +
+                  "  </policy>\n";
+    }
+    policy +=
+        "  <policy context=\"default\">\n"
+        "    <allow send_destination=\"" +
+        busName + "\" send_interface=\"" + busName +
+        "\"/>\n"
+        "    <allow send_destination=\"" +
+        busName +
+        "\" send_interface=\"org.freedesktop.DBus.Introspectable\"/>\n"
+        "    <allow send_destination=\"" +
+        busName +
+        "\" send_interface=\"org.freedesktop.DBus.Peer\"/>\n"
+        "    <allow receive_type=\"signal\" receive_interface=\"" +
+        busName +
+        "\"/>\n"
+        "  </policy>\n"
+        "</busconfig>\n";
+    return policy;
+}
+
+TEST(HarvoBusToolPolicy, LetsTheUserAndTheGroupOwnTheLegalBusNameAndEveryoneCall) {
+    // The bus name is made legal the way the endpoint makes it.
+    const Outcome outcome = RunTool({"policy", "my app-1", "--user", "svc", "--group", "staff"});
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_EQ(ExpectedPolicy("my_app_1.message", {"user=\"svc\"", "group=\"staff\""}),
+              outcome.All());
+}
+
+TEST(HarvoBusToolPolicy, WithoutUserOrGroupTheOwnerIsRoot) {
+    const Outcome outcome = RunTool({"policy", "weather"});
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_EQ(ExpectedPolicy("weather.message", {"user=\"root\""}), outcome.All());
+    const Outcome group = RunTool({"policy", "weather", "--group", "weather"});
+    EXPECT_EQ(ExpectedPolicy("weather.message", {"group=\"weather\""}), group.All());
+}
+
+TEST(HarvoBusToolPolicy, ThePackagedPolicyIsWhatTheToolPrints) {
+    std::ifstream in(HARVO_WEATHER_POLICY, std::ios::binary);
+    ASSERT_TRUE(in.good()) << HARVO_WEATHER_POLICY;
+    const std::string packaged((std::istreambuf_iterator<char>(in)),
+                               std::istreambuf_iterator<char>());
+    const Outcome outcome = RunTool({"policy", "weather", "--user", "root"});
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_EQ(outcome.All(), packaged) << "regenerate: harvo-bus policy weather --user root > "
+                                          "packaging/dbus-1/harvo-fw-weather.conf";
+}
+
+TEST(HarvoBusToolPolicy, RefusesWhatCannotGoIntoAPolicy) {
+    struct Case {
+        std::vector<std::string> args;
+        std::string error;
+    };
+    const std::vector<Case> cases = {
+        {{"policy"}, "usage: harvo-bus policy ENDPOINT [--user USER] [--group GROUP]"},
+        {{"policy", "1st"},
+         "harvo-bus: \"1st\" gives the bus name \"1st.message\", which the bus does not accept"},
+        {{"policy", ""}, "which the bus does not accept"},
+        {{"policy", "x", "--user", "a\"b"}, "harvo-bus: \"a\"b\" is not a user or group name"},
+        {{"policy", "x", "--group", "<g>"}, "harvo-bus: \"<g>\" is not a user or group name"},
+        {{"policy", "x", "--user", ""}, "harvo-bus: --user must not be empty"},
+        {{"send", "x", "--user", "u"},
+         "harvo-bus: --user and --group belong to the policy command"},
+    };
+    for (const Case& c : cases) {
+        const Outcome outcome = RunTool(c.args);
+        EXPECT_EQ(2, outcome.status) << outcome.All();
+        EXPECT_TRUE(outcome.Has(c.error)) << c.error << "\n" << outcome.All();
     }
 }
 
