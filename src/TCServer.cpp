@@ -54,6 +54,9 @@ TCServer::TCServer(std::string name, TCServerType type)
 }
 
 TCServer::~TCServer() {
+    // A server deleted without its close: late replies and queued requests
+    // must still find it gone (a no-op after CloseDBusServer).
+    detail::CloseEndpoint(this);
     m_closeLock.Destroy();
 }
 
