@@ -24,7 +24,8 @@
 //   emit     emits the signal named by the body's "signal" with the body's
 //            "text" as message, answers {"emitted":true|false}
 //   quit     answers {"quit":true} and ends the loop
-//   rss      {"rss_kb":N}: this process's resident memory (VmRSS)
+//   rss      {"rss_kb":N,"hwm_kb":M}: this process's resident memory now
+//            (VmRSS) and at its peak (VmHWM)
 // Other types are answered like "echo".
 //
 // stdin commands of "serve" (one per line, answered on stdout):
@@ -77,15 +78,16 @@ bool ReadStdinLine(std::string* line) {
     }
 }
 
-// VmRSS of this process in kB, or -1.
-long ResidentKb() {
+// A memory figure of this process from /proc/self/status ("VmRSS: %ld kB",
+// "VmHWM: %ld kB") in kB, or -1.
+long StatusKb(const char* format) {
     FILE* status = std::fopen("/proc/self/status", "r");
     if (status == nullptr)
         return -1;
     long kb = -1;
     char line[256];
     while (std::fgets(line, sizeof(line), status) != nullptr) {
-        if (std::sscanf(line, "VmRSS: %ld kB", &kb) == 1)
+        if (std::sscanf(line, format, &kb) == 1)
             break;
     }
     std::fclose(status);
@@ -145,7 +147,8 @@ public:
             return true;
         }
         if (type == "rss") {
-            reply->m_value["rss_kb"] = static_cast<Json::Int64>(ResidentKb());
+            reply->m_value["rss_kb"] = static_cast<Json::Int64>(StatusKb("VmRSS: %ld kB"));
+            reply->m_value["hwm_kb"] = static_cast<Json::Int64>(StatusKb("VmHWM: %ld kB"));
             return true;
         }
         if (type == "quit") {
