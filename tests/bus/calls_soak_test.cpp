@@ -76,8 +76,8 @@ TEST(Soak, TwoMinutesOfCallsAreAllCountedAndMemoryStaysFlat) {
     for (int t = 0; t < 2; ++t) {
         senders.emplace_back([&, t] {
             std::vector<unsigned char> bytes(64 + 32 * t, static_cast<unsigned char>(t + 1));
-            TCMessage message = MakeMessage("info", static_cast<unsigned>(t), "{\"soak\":true}",
-                                            bytes);
+            TCMessage message =
+                MakeMessage("info", static_cast<unsigned>(t), "{\"soak\":true}", bytes);
             while (!stop.load()) {
                 TCMessage reply;
                 if (local.SendMessage("soakpeer", &message, true, &reply, 20000) &&

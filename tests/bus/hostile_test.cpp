@@ -196,8 +196,8 @@ TEST(BoundedHandOff, ARequestQueuedWhenTheEndpointClosesIsAnsweredWithTheErrorRe
     // ...and the queued request finds the endpoint closed.
     EXPECT_EQ(peer.WaitLine("REPLIED", kLimit, true), "REPLIED closing re:block 1 {}");
     EXPECT_EQ(peer.WaitLine("REPLIED", kLimit, true), std::string("REPLIED   0 ") + kErrorBody);
-    EXPECT_TRUE(capture.HasFramework(DLOG_WARN,
-                                     "request for closing dropped: the endpoint was closed"))
+    EXPECT_TRUE(
+        capture.HasFramework(DLOG_WARN, "request for closing dropped: the endpoint was closed"))
         << capture.Dump();
     EXPECT_EQ(service.handled.load(), 1);
 }
@@ -279,8 +279,8 @@ TEST(CloseAndDelete, AReplyAfterTheSenderWasClosedAndDeletedIsDropped) {
     delete sender;
 
     ASSERT_TRUE(peer.WriteLine("go"));
-    EXPECT_TRUE(PumpForLog(capture, DLOG_WARN,
-                           "late reply for impatient dropped: the endpoint was closed"))
+    EXPECT_TRUE(
+        PumpForLog(capture, DLOG_WARN, "late reply for impatient dropped: the endpoint was closed"))
         << capture.Dump();
 }
 
@@ -368,9 +368,8 @@ TEST(PeerFaults, APeerKilledWhileHandlingFailsTheSendAndTheEndpointGoesOn) {
 TEST(SizeLimits, TheComputedWireSizeBoundsWhatGDBusMarshals) {
     for (unsigned size : {1u, 2u, 1000u, 65537u}) {
         std::vector<unsigned char> bytes(size, 7);
-        GDBusMessage* message =
-            g_dbus_message_new_method_call("dest.message", "/dest/message", "dest.message",
-                                           "SendMessageWithBuffer");
+        GDBusMessage* message = g_dbus_message_new_method_call(
+            "dest.message", "/dest/message", "dest.message", "SendMessageWithBuffer");
         g_dbus_message_set_body(
             message, g_variant_new("(suss@a(y))", "from", 1u, "type", "{\"a\":1}",
                                    g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), bytes.data(),
@@ -490,9 +489,10 @@ TEST(Memory, TheReceiverGivesTheMemoryOfA1MiBBufferBack) {
     const long peak = static_cast<long>(reply.m_value["hwm_kb"].asInt64());
     RecordProperty("receiver_rss_before_kb", static_cast<int>(before));
     RecordProperty("receiver_rss_after_kb", static_cast<int>(after));
-    std::printf("receiver resident memory: %ld kB before, %ld kB at the peak, %ld kB after two 1 "
-                "MiB buffers; %.0f ms per 1 MiB call\n",
-                before, peak, after, seconds * 1000 / 2);
+    std::printf(
+        "receiver resident memory: %ld kB before, %ld kB at the peak, %ld kB after two 1 "
+        "MiB buffers; %.0f ms per 1 MiB call\n",
+        before, peak, after, seconds * 1000 / 2);
     // Generous: the bus library's own caches may grow a little.
     EXPECT_LT(after, before + 32 * 1024) << before << " kB before, " << after << " kB after";
 }
