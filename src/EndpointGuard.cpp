@@ -8,6 +8,8 @@
 #include <map>
 #include <vector>
 
+#include "QueltLog.h"
+
 namespace Quelt {
 namespace detail {
 
@@ -145,6 +147,10 @@ void CloseEndpoint(const TCServer* server) {
     EndpointToken token = found->second;
     OpenEndpoints().erase(found);
     token->server = nullptr;
+    const int others = token->pins - PinsOfThisThread(token.get());
+    if (others > 0)
+        QLOGD("close %s: waiting for %d call(s) in progress on other threads", token->name.c_str(),
+              others);
     Changed().wait(lock, [&token] { return token->pins == PinsOfThisThread(token.get()); });
 }
 

@@ -188,7 +188,9 @@ TEST(BoundedHandOff, ARequestQueuedWhenTheEndpointClosesIsAnsweredWithTheErrorRe
         closed = true;
     });
     // The close waits for the handler in progress...
-    ASSERT_TRUE(capture.WaitForFramework(DLOG_DEBUG, "close closing begin", kLimit));
+    ASSERT_TRUE(capture.WaitForFramework(
+        DLOG_DEBUG, "close closing: waiting for 1 call(s) in progress on other threads", kLimit))
+        << capture.Dump();
     EXPECT_FALSE(closed.load());
     service.gate.Open();
     closer.join();
