@@ -51,7 +51,15 @@ public:
     /** Releases what codes 3, 4 and 6 carry; code 5 empties the queue. */
     virtual void t_Clear(TCEvent* event);
 
-    /** Queues a copy at the back. */
+    /** Queues a copy at the back.
+     *
+     * Queue depth: every queued event is one wake byte in the IO's pipe
+     * (65536 bytes on Linux). The sending functions block while the pipe is
+     * full, holding the queue's lock, until the loop has room again -- and
+     * the loop cannot take events while a sender holds the lock: keep a
+     * queue well below 65536 events. The bus endpoint never lets bus
+     * traffic grow a worker's queue beyond 1024 events: above that it
+     * answers requests with the error reply instead of queueing them. */
     static bool SendEvent(TCEvent* event);
     /** Queues a copy at the front: it runs next. */
     static bool SendUrgentEvent(TCEvent* event);
@@ -88,6 +96,9 @@ private:
     /** Tests reach the queue, the pipe and the watch callback through this
      * peer (e.g. to call the callback with null data). */
     friend class TCEventIOTestPeer;
+    /* The bus endpoint checks the queue's depth before it hands a request
+     * to a worker (see the note on queue depth above). */
+    friend class TCServer;
 
     TCMutex m_Lock;  ///< guards m_EventList and m_FlagCreate
     std::string m_Name;

@@ -88,8 +88,13 @@ public:
     bool CreateDBusServer();
     bool CreateDBusProxy();
     ///@}
-    /** Waits for sends and emissions in flight, cancels subscriptions,
-     * gives up the name and unregisters the object. */
+    /** Removes the endpoint from the process's registry, then waits
+     * (sleeping) until no other thread delivers to it or runs one of its
+     * handlers and its own sends and emissions in flight have returned;
+     * then cancels subscriptions, gives up the name and unregisters the
+     * object. Nothing touches the endpoint after it returns: late replies
+     * and requests still queued for a worker are answered or dropped with
+     * a line. */
     void CloseDBusServer();
     /** The same as CloseDBusServer. */
     void CloseDBusProxy();

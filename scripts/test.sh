@@ -2,7 +2,9 @@
 # The test command: installs the dependencies, then builds and runs the
 # test suite in three configurations:
 #
-#   1. Debug      (build/)       every test, the slow ones included
+#   1. Debug      (build/)       every test, the slow ones included; then,
+#                                once, the soak (label soak: two minutes of
+#                                sustained calls between two processes)
 #   2. Asan       (build-asan/)  AddressSanitizer + UndefinedBehaviorSanitizer,
 #                                every test but the slow ones
 #   3. Tsan       (build-tsan/)  ThreadSanitizer, the threaded suites
@@ -14,7 +16,7 @@
 #                                every mode, --quick included
 #
 # Usage: scripts/test.sh [--quick] [--no-sanitizers]
-#   --quick           Debug only, slow tests skipped
+#   --quick           Debug only, slow tests and the soak skipped
 #   --no-sanitizers   Debug only, slow tests included
 #
 # Environment:
@@ -136,9 +138,10 @@ else
 fi
 if configure_and_build "$debug_dir" Debug; then
     if [[ $quick -eq 1 ]]; then
-        run_ctest debug "$debug_dir" -LE slow
+        run_ctest debug "$debug_dir" -LE 'slow|soak'
     else
-        run_ctest debug "$debug_dir"
+        run_ctest debug "$debug_dir" -LE soak
+        run_ctest soak "$debug_dir" -L soak
     fi
 else
     FAILED_STAGES+=("debug build")
@@ -157,7 +160,7 @@ if [[ $sanitizers -eq 1 ]]; then
         ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" \
             LSAN_OPTIONS="$lsan_supp" \
             UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
-            run_ctest asan "$asan_dir" -LE slow
+            run_ctest asan "$asan_dir" -LE 'slow|soak'
     else
         FAILED_STAGES+=("asan build")
         SUMMARY+=("asan:  build failed")
@@ -177,6 +180,8 @@ if [[ $sanitizers -eq 1 ]]; then
     tsan_sources+=($TSAN_FILES_GLOB)
     shopt -u nullglob globstar
     for src in "${tsan_sources[@]}"; do
+        # The soak runs once, in the Debug stage.
+        [[ "$src" == *_soak_test.cpp ]] && continue
         target=$(test_target_of "$src")
         BUILD_TARGETS+=("$target")
         tsan_regex+="${tsan_regex:+|}^${target}\\."

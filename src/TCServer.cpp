@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "BusInterface.h"
+#include "EndpointGuard.h"
 #include "Guarded.h"
 #include "QueltLog.h"
 #include "TCServerHelper.h"
@@ -73,6 +74,9 @@ TCServer::TCServer(std::string name, TCServerType type)
 }
 
 TCServer::~TCServer() {
+    // A server deleted without its close: late replies and queued requests
+    // must still find it gone (a no-op after CloseDBusServer).
+    detail::CloseEndpoint(this);
     m_closeLock.Destroy();
 }
 
@@ -95,13 +99,15 @@ TCServer* TCServer::m_GetDbusServer(const char* name) {
         QLOGW("%s is null", "source");
         return nullptr;
     }
-    auto found = m_CreatedDbusServers.find(name);
-    if (found == m_CreatedDbusServers.end()) {
-        // The same words whatever the caller.
-        QLOGE("Couldn't find %s dbus server, subscribe fail", name);
-        return nullptr;
+    {
+        std::lock_guard<std::mutex> guard(detail::RegistryMutex());
+        auto found = m_CreatedDbusServers.find(name);
+        if (found != m_CreatedDbusServers.end())
+            return found->second;
     }
-    return found->second;
+    // The same words whatever the caller.
+    QLOGE("Couldn't find %s dbus server, subscribe fail", name);
+    return nullptr;
 }
 
 bool TCServer::CreateDBusProxy() {
@@ -127,6 +133,7 @@ bool TCServer::CreateDBusServer() {
         TCServerHelper::FormatDBusName(busName);
         if (!IsUsableBusName(m_name, busName))
             return false;
+        detail::OpenEndpoint(this, m_name);
         m_created = true;
         return true;
     }
@@ -139,11 +146,18 @@ bool TCServer::CreateDBusServer() {
         if (!m_ExportObject())
             return false;
     }
-    // Every type but the proxy is found by name from this process; an
-    // in-process sender that saw the announcement finds it too.
-    m_CreatedDbusServers[m_name] = this;
+    detail::OpenEndpoint(this, m_name);
+    {
+        // Every type but the proxy is found by name from this process; an
+        // in-process sender that saw the announcement finds it too.
+        std::lock_guard<std::mutex> guard(detail::RegistryMutex());
+        m_CreatedDbusServers[m_name] = this;
+    }
     if (ownsName && !m_OwnName()) {
-        m_CreatedDbusServers.erase(m_name);
+        std::lock_guard<std::mutex> guard(detail::RegistryMutex());
+        auto found = m_CreatedDbusServers.find(m_name);
+        if (found != m_CreatedDbusServers.end() && found->second == this)
+            m_CreatedDbusServers.erase(found);
         return false;
     }
     m_created = true;
@@ -173,20 +187,27 @@ bool TCServer::m_Connect() {
 }
 
 bool TCServer::m_PrepareBusName() {
-    if (m_CreatedDbusServers.find(m_name) != m_CreatedDbusServers.end()) {
+    std::string appName;
+    bool nameUsed = false;
+    bool secondApp = false;
+    {
+        std::lock_guard<std::mutex> guard(detail::RegistryMutex());
+        nameUsed = m_CreatedDbusServers.find(m_name) != m_CreatedDbusServers.end();
+        for (const auto& entry : m_CreatedDbusServers) {
+            if (nameUsed || entry.second->m_type != SERVER_TYPE_APP)
+                continue;
+            secondApp = m_type == SERVER_TYPE_APP;
+            appName = entry.first;
+            break;
+        }
+    }
+    if (nameUsed) {
         QLOGE("%s name has been used!", m_name.c_str());
         return false;
     }
-    std::string appName;
-    for (const auto& entry : m_CreatedDbusServers) {
-        if (entry.second->m_type != SERVER_TYPE_APP)
-            continue;
-        if (m_type == SERVER_TYPE_APP) {
-            QLOGE("only one eflapplication/daemon service can be created in one process!");
-            return false;
-        }
-        appName = entry.first;
-        break;
+    if (secondApp) {
+        QLOGE("only one eflapplication/daemon service can be created in one process!");
+        return false;
     }
     if (m_type == SERVER_TYPE_GADGET) {
         // A gadget's name is only unique within its host application.
@@ -248,16 +269,25 @@ void TCServer::CloseDBusServer() {
         QLOGD("%s has closed.", m_name.c_str());
         return;
     }
+    // Nobody finds us from here on: the entry goes first, then the token
+    // (late replies and queued requests find the endpoint closed), then we
+    // wait for the threads that reached us before (in-process senders,
+    // handlers running).
+    if (m_type != SERVER_TYPE_PROXY) {
+        std::lock_guard<std::mutex> guard(detail::RegistryMutex());
+        // Only our own entry: a server whose create failed because its name
+        // was taken must not remove the server that holds the name.
+        auto found = m_CreatedDbusServers.find(m_name);
+        if (found != m_CreatedDbusServers.end() && found->second == this)
+            m_CreatedDbusServers.erase(found);
+    }
+    detail::CloseEndpoint(this);
     // Senders raise the count only while holding the lock we now hold, so it
-    // can only fall from here on.
+    // can only fall from here on. A send may wait for a slow peer for its
+    // whole timeout: sleep until the last one wakes us.
     QLOGD("waiting all send message/signal finished %ud",
           static_cast<unsigned>(g_atomic_int_get(&m_sendCount)));
-    // (GLib's C++ form of the exchange refuses a volatile operand.)
-    gint* sendCount = const_cast<gint*>(&m_sendCount);
-    while (!g_atomic_int_compare_and_exchange(sendCount, 0, 0)) {
-        // A send in flight may wait for a slow peer: let it run.
-        g_thread_yield();
-    }
+    detail::WaitForSends(&m_sendCount);
     QLOGD("all send message/signal finished");
 
     std::vector<unsigned int> ids;
@@ -280,15 +310,6 @@ void TCServer::CloseDBusServer() {
     g_object_unref(m_connection);
     m_connection = nullptr;
     QLOGD("close connection and all close motion finished");
-
-    if (m_type != SERVER_TYPE_PROXY) {
-        // Only our own entry: a server whose create failed because its name
-        // was taken must not remove the server that holds the name.
-        auto found = m_CreatedDbusServers.find(m_name);
-        if (found != m_CreatedDbusServers.end() && found->second == this) {
-            m_CreatedDbusServers.erase(found);
-        }
-    }
     m_created = false;
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "BusPayload.h"
+#include "EndpointGuard.h"
 #include "QueltLog.h"
 #include "TCServer.h"
 
@@ -156,9 +157,11 @@ void TCServerHelper::SetTCMessage(TCMessage* target, char* message, unsigned int
 }
 
 std::string TCServer::m_GetDBusName(std::string name) {
-    auto found = m_CreatedDbusServers.find(name);
-    if (found != m_CreatedDbusServers.end() && found->second != nullptr) {
-        return found->second->m_busName;
+    {
+        std::lock_guard<std::mutex> guard(detail::RegistryMutex());
+        auto found = m_CreatedDbusServers.find(name);
+        if (found != m_CreatedDbusServers.end() && found->second != nullptr)
+            return found->second->m_busName;
     }
     std::string busName = name + ".message";
     TCServerHelper::FormatDBusName(busName);

@@ -5,9 +5,15 @@
 // posted to the receiver's event IO); all others through the methods
 // "SendMessage" and "SendMessageWithBuffer" of their bus object.
 
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <memory>
 #include <string>
 
+#include "BusLimits.h"
 #include "BusPayload.h"
+#include "EndpointGuard.h"
 #include "EventPayloads.h"
 #include "Guarded.h"
 #include "QueltLog.h"
@@ -65,16 +71,67 @@ bool ReportsFailure(TCMessage* reply) {
     return result.isString() && result.asString() == "fail";
 }
 
+// What an asynchronous call with a reply object carries to its completion:
+// the sender's token (not the sender, which may be closed and deleted
+// before the reply comes) and the member that delivers the reply.
+struct PendingReply {
+    detail::EndpointToken token;
+    GAsyncReadyCallback deliver;
+};
+
+void OnPendingReply(GObject* source, GAsyncResult* result, gpointer data) {
+    std::unique_ptr<PendingReply> pending(static_cast<PendingReply*>(data));
+    detail::EndpointPin sender = detail::Pin(pending->token);
+    if (!sender) {
+        QLOGW("late reply for %s dropped: the endpoint was closed",
+              detail::TokenName(pending->token).c_str());
+        // Finished all the same, so that the reply is released now.
+        GVariant* answer =
+            g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, nullptr);
+        if (answer != nullptr)
+            g_variant_unref(answer);
+        return;
+    }
+    pending->deliver(source, result, sender.get());
+}
+
+// A bus request handed to a worker's event IO. Whatever becomes of the
+// event (run, cleared with the queue, or its endpoint closed first), the
+// caller gets an answer and the request's memory goes.
+struct QueuedRequest {
+    QueuedRequest(detail::EndpointToken endpoint, char* sender, TCMessage* request,
+                  GDBusMethodInvocation* call)
+        : token(std::move(endpoint)), from(sender), message(request), invocation(call) {}
+    ~QueuedRequest() {
+        if (handled)
+            return;
+        ReturnErrorReply(invocation);
+        delete message;
+        delete[] from;
+    }
+    QueuedRequest(const QueuedRequest&) = delete;
+    QueuedRequest& operator=(const QueuedRequest&) = delete;
+
+    detail::EndpointToken token;
+    char* from;                         // new[]; passed on to m_HandleMsg
+    TCMessage* message;                 // passed on to m_HandleMsg
+    GDBusMethodInvocation* invocation;  // answered exactly once
+    bool handled = false;               // ownership went to m_HandleMsg
+};
+
 }  // namespace
 
 bool TCServer::SendMessage(const char* source, const char* dest, const TCMessage* message,
                            bool sync, TCMessage* reply) {
     TCServer* server = m_GetDbusServer(source);
-    if (server == nullptr) {
+    // Found by name, it stays usable until the send returns, even if
+    // another thread closes it meanwhile.
+    detail::EndpointPin pin = detail::PinIfOpen(server);
+    if (server == nullptr || !pin) {
         QLOGW("%s is null", "server");
         return false;
     }
-    return server->SendMessage(dest, message, sync, reply, -1);
+    return pin.get()->SendMessage(dest, message, sync, reply, -1);
 }
 
 bool TCServer::SendMessage(const char* dest, const TCMessage* message, bool sync, TCMessage* reply,
@@ -104,16 +161,22 @@ bool TCServer::SendMessage(const char* dest, const TCMessage* message, bool sync
     std::string busName = std::string(dest) + ".message";
     bool result = false;
     bool delivered = false;
-    auto found = m_CreatedDbusServers.find(dest);
-    if (found != m_CreatedDbusServers.end()) {
-        TCServer* receiver = found->second;
-        result = m_SendInProcess(receiver, dest, message, sync, reply, delivered);
-        busName = receiver->m_busName;
+    // A receiver found here is pinned: its close waits until we are done.
+    detail::EndpointPin receiver;
+    {
+        std::lock_guard<std::mutex> guard(detail::RegistryMutex());
+        auto found = m_CreatedDbusServers.find(dest);
+        if (found != m_CreatedDbusServers.end()) {
+            receiver = detail::PinIfOpenLocked(found->second);
+            busName = found->second->m_busName;
+        }
     }
+    if (receiver)
+        result = m_SendInProcess(receiver.get(), dest, message, sync, reply, delivered);
     if (!delivered)
         result = m_SendOnBus(dest, busName, message, sync, reply, timeout);
 
-    g_atomic_int_add(&m_sendCount, -1);
+    detail::EndSend(&m_sendCount);
     return result;
 }
 
@@ -177,6 +240,17 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
     unsigned char* buffer = nullptr;
     const unsigned int size = copy.GetBuffer(buffer);
 
+    // Sent, a message above the bus's limit would make the daemon drop this
+    // process's connection, for every endpoint of the process.
+    const bool withBuffer = buffer != nullptr && size != 0;
+    const size_t wireSize = detail::MessageWireSize(
+        {busName, objectPath, interfaceName, withBuffer ? "SendMessageWithBuffer" : "SendMessage"},
+        m_name, copy.m_type, text, withBuffer, size);
+    if (!detail::FitsOnBus(wireSize, "message")) {
+        QLOGD("send %s!", "fail");
+        return false;
+    }
+
     QLOGI("prepare GVariant");
     GVariant* payload = nullptr;
     const char* method = nullptr;
@@ -203,6 +277,7 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
         if (answer != nullptr) {
             detail::UnpackIntoMessage(answer, nullptr, reply);
             g_variant_unref(answer);
+            detail::ReleaseHeapAfter(reply->m_size);
             result = true;
             // The remote handler's failure shows only in the reply body.
             if (reply->Parse() && ReportsFailure(reply)) {
@@ -217,9 +292,12 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
         // The reply object is not filled asynchronously: the reply goes to
         // IfMessageReplied, on this thread's default main context.
         if (reply != nullptr) {
+            // The call holds a token, not this server: a reply after our
+            // close finds the token detached and is dropped.
             g_dbus_connection_call(m_connection, busName.c_str(), objectPath.c_str(),
                                    interfaceName.c_str(), method, payload, nullptr,
-                                   G_DBUS_CALL_FLAGS_NONE, -1, nullptr, m_PendingCallNotify, this);
+                                   G_DBUS_CALL_FLAGS_NONE, -1, nullptr, OnPendingReply,
+                                   new PendingReply{detail::TokenOf(this), m_PendingCallNotify});
         } else {
             g_dbus_connection_call(m_connection, busName.c_str(), objectPath.c_str(),
                                    interfaceName.c_str(), method, payload, nullptr,
@@ -237,12 +315,21 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
                                 const gchar* methodName, GVariant* parameters,
                                 GDBusMethodInvocation* invocation, gpointer userData) {
     QLOGI("");
-    TCServer* server = static_cast<TCServer*>(userData);
-    if (server == nullptr) {
+    if (userData == nullptr) {
         QLOGE("pThis NULL");
         ReturnErrorReply(invocation);
         return;
     }
+    // A call dispatched while another thread closes the endpoint: the
+    // server is only compared here, and used only if still open.
+    detail::EndpointPin pin = detail::PinIfOpen(static_cast<TCServer*>(userData));
+    if (!pin) {
+        QLOGW("request %s dropped: the endpoint was closed",
+              methodName != nullptr ? methodName : "");
+        ReturnErrorReply(invocation);
+        return;
+    }
+    TCServer* server = pin.get();
 
     char* from = nullptr;
     unsigned int code = 0;
@@ -296,20 +383,60 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
     }
     if (moved && eventIO != nullptr) {
         QLOGI("send internal event");
+        // Posts without ever blocking this thread: the queue's lock is only
+        // held briefly by its loop, and above the high-water mark the
+        // request is refused rather than waiting for room in the wake pipe.
+        auto postBounded = [eventIO, server](TCEvent* post, bool& refused) {
+            TCEventIO* serving = eventIO->GetEventIO();
+            serving->m_Lock.Lock();
+            size_t depth = serving->m_EventList.size();
+            if (serving->m_FlagCreate) {
+                // Wake bytes of cleared events count as well.
+                int pending = 0;
+                if (ioctl(serving->m_PipeFileDes[0], FIONREAD, &pending) == 0)
+                    depth = std::max(depth, static_cast<size_t>(pending));
+            }
+            refused = depth >= kWorkerHandOffHighWater;
+            const bool posted = !refused && TCEventIO::SendEvent(post);
+            serving->m_Lock.Unlock();
+            if (refused) {
+                QLOGW(
+                    "request for %s refused: the queue of %s holds %zu events (high-water mark "
+                    "%zu)",
+                    server->m_name.c_str(), serving->m_Name.c_str(), depth,
+                    kWorkerHandOffHighWater);
+            }
+            return posted;
+        };
+        auto request = std::make_shared<QueuedRequest>(pin.Token(), from, received, invocation);
         TCEvent event;
         event.receiver = eventIO;
         event.type = EVENT_EXECUTE;
-        TCExecuteCallable* work = new TCExecuteCallable([server, from, received, invocation]() {
-            server->m_HandleMsg(from, received, invocation);
+        TCExecuteCallable* work = new TCExecuteCallable([request]() {
+            // The endpoint may have been closed while the request waited.
+            detail::EndpointPin target = detail::Pin(request->token);
+            if (!target) {
+                QLOGW("request for %s dropped: the endpoint was closed",
+                      detail::TokenName(request->token).c_str());
+                return;
+            }
+            request->handled = true;
+            target.get()->m_HandleMsg(request->from, request->message, request->invocation);
         });
         event.param.p = work;
-        if (TCEventIO::SendEvent(&event)) {
+        bool refused = false;
+        if (postBounded(&event, refused)) {
             // The reply leaves from the event IO's thread.
             QLOGI("send internal event success");
             return;
         }
-        // Not queued, so nobody else will release the callable.
+        // Not queued, so nobody else will release the callable; the
+        // request goes on here, or is answered with the error reply.
+        if (!refused)
+            request->handled = true;
         delete work;
+        if (refused)
+            return;
     }
     server->m_HandleMsg(from, received, invocation);
 }
@@ -319,6 +446,7 @@ void TCServer::m_HandleMsg(const char* from, const TCMessage* message,
     TCMessage reply;
     const bool handled = QUELT_CALL_GUARDED(
         "IfMessageReceived", [&] { IfMessageReceived(from, message, &reply, nullptr); });
+    const size_t receivedBytes = message->m_size;
     delete message;
     delete[] from;
     if (!handled) {
@@ -331,11 +459,20 @@ void TCServer::m_HandleMsg(const char* from, const TCMessage* message,
     const std::string text = reply.GetMessage();
     unsigned char* buffer = nullptr;
     const unsigned int size = reply.GetBuffer(buffer);
-    // |reply| owns the bytes until the reply has been serialised, which
-    // happens inside this call.
-    g_dbus_method_invocation_return_value(
-        invocation, NewReplyValue(m_name.c_str(), reply.m_code, reply.m_type.c_str(), text.c_str(),
-                                  buffer, size));
+    // A reply above the bus's limit would cost this process its
+    // connection: the caller gets the error reply instead.
+    const size_t wireSize = detail::MessageWireSize({"", "", "", ""}, m_name, reply.m_type, text,
+                                                    true, std::max(size, 1u));
+    if (!detail::FitsOnBus(wireSize, "reply")) {
+        ReturnErrorReply(invocation);
+    } else {
+        // |reply| owns the bytes until the reply has been serialised, which
+        // happens inside this call.
+        g_dbus_method_invocation_return_value(
+            invocation, NewReplyValue(m_name.c_str(), reply.m_code, reply.m_type.c_str(),
+                                      text.c_str(), buffer, size));
+    }
+    detail::ReleaseHeapAfter(std::max<size_t>(receivedBytes, size));
 }
 
 void TCServer::m_PendingCallNotify(GObject* source, GAsyncResult* result, gpointer userData) {
@@ -370,6 +507,7 @@ void TCServer::m_PendingCallNotify(GObject* source, GAsyncResult* result, gpoint
     }
     delete[] from;
     g_variant_unref(answer);
+    detail::ReleaseHeapAfter(reply.m_size);
 }
 
 }  // namespace Quelt

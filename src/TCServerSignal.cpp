@@ -6,7 +6,9 @@
 
 #include <string>
 
+#include "BusLimits.h"
 #include "BusPayload.h"
+#include "EndpointGuard.h"
 #include "Guarded.h"
 #include "QueltLog.h"
 #include "TCServer.h"
@@ -58,7 +60,7 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
 
     if (!IsOpen(m_connection)) {
         QLOGE("dbus connection is not open");
-        g_atomic_int_add(&m_sendCount, -1);
+        detail::EndSend(&m_sendCount);
         return false;
     }
 
@@ -70,6 +72,15 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
     unsigned char* buffer = nullptr;
     const unsigned int size = local.GetBuffer(buffer);
     const std::string text = local.GetMessage();
+    // Emitted, a signal above the bus's limit would make the daemon drop
+    // this process's connection.
+    const bool withBuffer = buffer != nullptr && size != 0;
+    if (!detail::FitsOnBus(detail::MessageWireSize({"", m_objectPath, m_busName, signalName},
+                                                   m_name, local.m_type, text, withBuffer, size),
+                           "signal")) {
+        detail::EndSend(&m_sendCount);
+        return false;
+    }
 
     GVariant* payload = nullptr;
     if (buffer == nullptr || size == 0) {
@@ -98,7 +109,7 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
     }
     g_variant_unref(payload);
     QLOGD("Send signal %s : %s.", signalName, emitted ? "success" : "fail");
-    g_atomic_int_add(&m_sendCount, -1);
+    detail::EndSend(&m_sendCount);
     return emitted != FALSE;
 }
 

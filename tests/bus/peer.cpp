@@ -5,6 +5,8 @@
 //       SERVER_TYPE_APP), runs a GLib main loop on the default context and
 //       prints "READY" once the bus name is owned. Ends on SIGTERM, on a
 //       message of type "quit" or on the stdin command "quit".
+//   bus_peer serve-quiet NAME
+//       The same, without the framework's log lines on stderr (long runs).
 //   bus_peer emit NAME SIGNAL TEXT
 //       Creates the endpoint NAME, emits SIGNAL with TEXT as body, prints
 //       "EMITTED 1" (or 0) and ends.
@@ -22,6 +24,8 @@
 //   emit     emits the signal named by the body's "signal" with the body's
 //            "text" as message, answers {"emitted":true|false}
 //   quit     answers {"quit":true} and ends the loop
+//   rss      {"rss_kb":N,"hwm_kb":M}: this process's resident memory now
+//            (VmRSS) and at its peak (VmHWM)
 // Other types are answered like "echo".
 //
 // stdin commands of "serve" (one per line, answered on stdout):
@@ -29,6 +33,8 @@
 //   asend DEST TYPE CODE TEXT  asynchronous send with reply object; the reply
 //                              arrives as "REPLIED <from> <type> <code> <text>"
 //   emit SIGNAL TEXT           "EMITTED <0|1>"
+//   flood DEST TYPE N          N asynchronous sends without reply object
+//                              (no reply expected), then "FLOODED N"
 //   quit                       ends the loop
 
 #include <signal.h>
@@ -40,6 +46,7 @@
 #include <string>
 
 #include "TCServer.h"
+#include <dlog-host.h>
 #include <glib-unix.h>
 
 namespace {
@@ -69,6 +76,22 @@ bool ReadStdinLine(std::string* line) {
             return true;
         line->push_back(c);
     }
+}
+
+// A memory figure of this process from /proc/self/status ("VmRSS: %ld kB",
+// "VmHWM: %ld kB") in kB, or -1.
+long StatusKb(const char* format) {
+    FILE* status = std::fopen("/proc/self/status", "r");
+    if (status == nullptr)
+        return -1;
+    long kb = -1;
+    char line[256];
+    while (std::fgets(line, sizeof(line), status) != nullptr) {
+        if (std::sscanf(line, format, &kb) == 1)
+            break;
+    }
+    std::fclose(status);
+    return kb;
 }
 
 unsigned long Sum(const unsigned char* bytes, unsigned int size) {
@@ -123,6 +146,11 @@ public:
             reply->m_value["emitted"] = SendSignal(body["signal"].asCString(), &signal);
             return true;
         }
+        if (type == "rss") {
+            reply->m_value["rss_kb"] = static_cast<Json::Int64>(StatusKb("VmRSS: %ld kB"));
+            reply->m_value["hwm_kb"] = static_cast<Json::Int64>(StatusKb("VmHWM: %ld kB"));
+            return true;
+        }
         if (type == "quit") {
             reply->m_value["quit"] = true;
             g_main_loop_quit(g_loop);
@@ -167,6 +195,20 @@ void RunCommand(const std::string& line) {
         message.SetMessage(text);
         Say(std::string("EMITTED ") +
             (g_server->SendSignal(signalName.c_str(), &message) ? "1" : "0"));
+        return;
+    }
+    if (verb == "flood") {
+        std::string dest, type;
+        unsigned int count = 0;
+        in >> dest >> type >> count;
+        TCMessage message;
+        message.SetMessage("{}");
+        message.m_type = type;
+        for (unsigned int i = 0; i < count; ++i) {
+            message.m_code = i;
+            g_server->SendMessage(dest.c_str(), &message, false, nullptr, -1);
+        }
+        Say("FLOODED " + std::to_string(count));
         return;
     }
     if (verb == "send" || verb == "asend") {
@@ -266,6 +308,10 @@ int main(int argc, char** argv) {
     setvbuf(stdout, nullptr, _IONBF, 0);
     if (argc == 3 && std::strcmp(argv[1], "serve") == 0)
         return Serve(argv[2]);
+    if (argc == 3 && std::strcmp(argv[1], "serve-quiet") == 0) {
+        dlog_host_set_stderr(0);
+        return Serve(argv[2]);
+    }
     if (argc == 5 && std::strcmp(argv[1], "emit") == 0)
         return Emit(argv[2], argv[3], argv[4]);
     std::fprintf(stderr, "usage: %s serve NAME | emit NAME SIGNAL TEXT\n", argv[0]);
