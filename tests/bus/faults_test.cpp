@@ -377,7 +377,8 @@ std::vector<size_t> RefusedWireSizes(const LogCapture& capture) {
             !harvo_test::ParseFrameworkText(line.text, &parts))
             continue;
         const std::string& text = parts.text;
-        if (text.size() <= kHead.size() + kTail.size() || text.compare(0, kHead.size(), kHead) != 0 ||
+        if (text.size() <= kHead.size() + kTail.size() ||
+            text.compare(0, kHead.size(), kHead) != 0 ||
             text.compare(text.size() - kTail.size(), kTail.size(), kTail) != 0)
             continue;
         const std::string number =
