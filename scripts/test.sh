@@ -9,10 +9,13 @@
 #                                (events, tasks, alarms, locks, bus)
 #   4. Bench      (build-bench/) the bench command's short run: the table
 #                                must come out whole
+#   5. Arm        (build-arm/)   scripts/test-arm.sh: armv7l build, tests but
+#                                the slow ones run under emulation
 #
-# Usage: scripts/test.sh [--quick] [--no-sanitizers]
+# Usage: scripts/test.sh [--quick] [--no-sanitizers] [--no-arm]
 #   --quick           Debug only, slow tests skipped
 #   --no-sanitizers   Debug only, slow tests included
+#   --no-arm          every stage but the armv7l one
 #
 # Environment:
 #   HARVO_BUILD_PREFIX  directory that holds build/, build-asan/, build-tsan/
@@ -37,10 +40,12 @@ TSAN_FILES_GLOB='tests/foundation/lock*_test.cpp tests/foundation/reuse_test.cpp
 
 quick=0
 sanitizers=1
+arm=1
 for arg in "$@"; do
     case "$arg" in
         --quick) quick=1; sanitizers=0 ;;
         --no-sanitizers) sanitizers=0 ;;
+        --no-arm) arm=0 ;;
         -h|--help)
             awk 'NR > 1 && !/^#/ { exit } NR > 1 { sub(/^# ?/, ""); print }' "$0"
             exit 0 ;;
@@ -221,6 +226,27 @@ if [[ $sanitizers -eq 1 ]]; then
         SUMMARY+=("bench: exit $bench_rc, rows missing: ${missing[*]:-none}")
         FAILED_STAGES+=("bench")
     fi
+fi
+
+# ---------------------------------------------------------------------------
+# The devices' architecture: armv7l binaries, tested under emulation in an
+# armhf root (made once, then reused). Part of every full run.
+if [[ $sanitizers -eq 1 && $arm -eq 1 ]]; then
+    banner "Arm (armv7l, cross-compiled, tests under emulation; scripts/test-arm.sh)"
+    arm_log="$PREFIX/test-arm.log"
+    HARVO_BUILD_PREFIX="$PREFIX" bash "$ROOT/scripts/test-arm.sh" 2>&1 | tee "$arm_log"
+    arm_rc=${PIPESTATUS[0]}
+    line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$arm_log" | tail -n 1)
+    if [[ -n "$line" ]]; then
+        failed=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")
+        total=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\2/' <<<"$line")
+        TOTAL_PASSED=$((TOTAL_PASSED + total - failed))
+        TOTAL_FAILED=$((TOTAL_FAILED + failed))
+        SUMMARY+=("$(printf '%-6s %s' "arm:" "$line")")
+    else
+        SUMMARY+=("$(printf '%-6s %s' "arm:" "did not reach its tests (exit $arm_rc, log $arm_log)")")
+    fi
+    [[ $arm_rc -eq 0 ]] || FAILED_STAGES+=("arm")
 fi
 
 # ---------------------------------------------------------------------------
