@@ -10,15 +10,16 @@ ARM_SUITE=bookworm
 ARM_MIRROR=${HARVO_ARM_MIRROR:-http://deb.debian.org/debian}
 
 # What the tests need inside the root: the libraries to link against (also
-# the sysroot of the cross compiler), the programs the tests start (bus
-# daemon, gdbus, python3, bash), ctest, and a native compiler for the
-# install test, which builds a consumer program against the installed tree.
+# the sysroot of the cross compiler, whose C++ headers and runtime are its
+# own), the programs the tests start (bus daemon, gdbus, python3, bash) and
+# ctest. No compiler: the one test that compiles (install_consumer) does not
+# run here.
 ARM_ROOT_PACKAGES=(
     libglib2.0-dev libglib2.0-bin libjsoncpp-dev
     dbus-daemon dbus-bin
     libgtest-dev libgmock-dev
     python3
-    cmake ninja-build make pkg-config g++ binutils
+    cmake pkg-config
     procps
 )
 
