@@ -18,6 +18,9 @@
 #   --with-slow   run the slow tests too (label "slow"; skipped by default:
 #                 under emulation they take longer than the rest together)
 #
+# install_consumer never runs here (a native compiler under emulation passes
+# its time limit); the Debug stage of scripts/test.sh runs it.
+#
 # Environment:
 #   HARVO_BUILD_PREFIX  directory that holds build-arm-root/ and build-arm/
 #                       (default: the repository root)
@@ -93,6 +96,7 @@ MOUNTS=("$ROOT")
 [[ "$BUILD" == "$ROOT"/* ]] || MOUNTS+=("$PREFIX")
 cleanup() { arm_unmount_all "$ROOTFS"; }
 trap cleanup EXIT
+trap 'exit 130' INT TERM
 
 # The tests run inside the root, so programs they start are the root's: its
 # python3 rather than whichever one this machine's PATH finds first.

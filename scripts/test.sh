@@ -9,13 +9,16 @@
 #                                (events, tasks, alarms, locks, bus)
 #   4. Bench      (build-bench/) the bench command's short run: the table
 #                                must come out whole
-#   5. Arm        (build-arm/)   scripts/test-arm.sh: armv7l build, tests but
-#                                the slow ones run under emulation
+#   5. Arm        (build-arm/)   with --arm only (CI passes it): scripts/test-arm.sh,
+#                                the armv7l build, tests but the slow ones
+#                                run under emulation (about 25 minutes from
+#                                scratch, 15 with its root and build kept)
 #
-# Usage: scripts/test.sh [--quick] [--no-sanitizers] [--no-arm]
+# Usage: scripts/test.sh [--quick] [--no-sanitizers] [--arm | --no-arm]
 #   --quick           Debug only, slow tests skipped
 #   --no-sanitizers   Debug only, slow tests included
-#   --no-arm          every stage but the armv7l one
+#   --arm             add the armv7l stage to a full run
+#   --no-arm          leave it out (the default)
 #
 # Environment:
 #   HARVO_BUILD_PREFIX  directory that holds build/, build-asan/, build-tsan/
@@ -40,11 +43,12 @@ TSAN_FILES_GLOB='tests/foundation/lock*_test.cpp tests/foundation/reuse_test.cpp
 
 quick=0
 sanitizers=1
-arm=1
+arm=0
 for arg in "$@"; do
     case "$arg" in
         --quick) quick=1; sanitizers=0 ;;
         --no-sanitizers) sanitizers=0 ;;
+        --arm) arm=1 ;;
         --no-arm) arm=0 ;;
         -h|--help)
             awk 'NR > 1 && !/^#/ { exit } NR > 1 { sub(/^# ?/, ""); print }' "$0"
@@ -230,7 +234,8 @@ fi
 
 # ---------------------------------------------------------------------------
 # The devices' architecture: armv7l binaries, tested under emulation in an
-# armhf root (made once, then reused). Part of every full run.
+# armhf root (made once, then reused). Only with --arm: from scratch it takes
+# longer than the other stages together.
 if [[ $sanitizers -eq 1 && $arm -eq 1 ]]; then
     banner "Arm (armv7l, cross-compiled, tests under emulation; scripts/test-arm.sh)"
     arm_log="$PREFIX/test-arm.log"
