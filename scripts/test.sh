@@ -241,7 +241,7 @@ if [[ $sanitizers -eq 1 && $arm -eq 1 ]]; then
     arm_log="$PREFIX/test-arm.log"
     HARVO_BUILD_PREFIX="$PREFIX" bash "$ROOT/scripts/test-arm.sh" 2>&1 | tee "$arm_log"
     arm_rc=${PIPESTATUS[0]}
-    line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$arm_log" | tail -n 1)
+    line=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$arm_log" | tail -n 1)
     if [[ -n "$line" ]]; then
         failed=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")
         total=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\2/' <<<"$line")
