@@ -12,7 +12,7 @@
 #   5. Arm        (build-arm/)   with --arm only (CI passes it): scripts/test-arm.sh,
 #                                the armv7l build, tests but the slow ones
 #                                run under emulation (about 25 minutes from
-#                                scratch, 15 with its root and build kept)
+#                                scratch, 6 with its root and build kept)
 #
 # Usage: scripts/test.sh [--quick] [--no-sanitizers] [--arm | --no-arm]
 #   --quick           Debug only, slow tests skipped
