@@ -20,6 +20,9 @@
 #   HARVO_BUILD_PREFIX  directory that holds build-demo/ (default: the repository root)
 #   HARVO_JOBS          parallel compile jobs (default 2)
 #   HARVO_DEMO_TIMEOUT  seconds after which a hanging demo program is stopped (default 60)
+#   HARVO_DEMO_BUILD_DIR  run the programs of an existing build (with examples)
+#                       instead of installing and building; scripts/test-arm.sh
+#                       --demo uses it for the armv7l build
 set -euo pipefail
 
 BUS_ONLY=0
@@ -34,7 +37,7 @@ cd "$ROOT"
 PREFIX=${HARVO_BUILD_PREFIX:-$ROOT}
 JOBS=${HARVO_JOBS:-2}
 DEMO_TIMEOUT=${HARVO_DEMO_TIMEOUT:-60}
-BUILD="$PREFIX/build-demo"
+BUILD="${HARVO_DEMO_BUILD_DIR:-$PREFIX/build-demo}"
 
 # shellcheck source=SCRIPTDIR/private-bus.sh
 source "$ROOT/scripts/private-bus.sh"
@@ -46,16 +49,20 @@ banner() {
     echo "=============================================================================="
 }
 
-banner "Installing the Debian packages harvo-fw needs"
-if ! bash "$ROOT/scripts/install-deps.sh"; then
-    echo "demo.sh: installing the dependencies failed (see above: run as root, or through sudo)" >&2
-    exit 1
-fi
+if [[ -n "${HARVO_DEMO_BUILD_DIR:-}" ]]; then
+    banner "Running the programs built in $BUILD"
+else
+    banner "Installing the Debian packages harvo-fw needs"
+    if ! bash "$ROOT/scripts/install-deps.sh"; then
+        echo "demo.sh: installing the dependencies failed (see above: run as root, or through sudo)" >&2
+        exit 1
+    fi
 
-banner "Building harvo-fw and the examples in $BUILD (RelWithDebInfo)"
-cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DHARVO_BUILD_TESTS=OFF -DHARVO_BUILD_EXAMPLES=ON >/dev/null
-cmake --build "$BUILD" -j "$JOBS"
+    banner "Building harvo-fw and the examples in $BUILD (RelWithDebInfo)"
+    cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DHARVO_BUILD_TESTS=OFF -DHARVO_BUILD_EXAMPLES=ON >/dev/null
+    cmake --build "$BUILD" -j "$JOBS"
+fi
 
 # run_example NAME TITLE EXPLANATION: runs one example if it was built,
 # with its log lines (standard error) interleaved with its narration.

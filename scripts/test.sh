@@ -14,10 +14,16 @@
 #   5. ABI        (build-abi/)   Release libraries compared with the baseline
 #                                under abi/ (scripts/check-abi.sh); runs in
 #                                every mode, --quick included
+#   6. Arm        (build-arm/)   with --arm only (CI passes it): scripts/test-arm.sh,
+#                                the armv7l build, tests but the slow ones
+#                                run under emulation (about 25 minutes from
+#                                scratch, 6 with its root and build kept)
 #
-# Usage: scripts/test.sh [--quick] [--no-sanitizers]
+# Usage: scripts/test.sh [--quick] [--no-sanitizers] [--arm | --no-arm]
 #   --quick           Debug only, slow tests and the soak skipped
 #   --no-sanitizers   Debug only, slow tests included
+#   --arm             add the armv7l stage to a full run
+#   --no-arm          leave it out (the default)
 #
 # Environment:
 #   HARVO_BUILD_PREFIX  directory that holds build/, build-asan/, build-tsan/
@@ -42,10 +48,13 @@ TSAN_FILES_GLOB='tests/foundation/lock*_test.cpp tests/foundation/reuse_test.cpp
 
 quick=0
 sanitizers=1
+arm=0
 for arg in "$@"; do
     case "$arg" in
         --quick) quick=1; sanitizers=0 ;;
         --no-sanitizers) sanitizers=0 ;;
+        --arm) arm=1 ;;
+        --no-arm) arm=0 ;;
         -h|--help)
             awk 'NR > 1 && !/^#/ { exit } NR > 1 { sub(/^# ?/, ""); print }' "$0"
             exit 0 ;;
@@ -245,6 +254,28 @@ if [[ $abi_rc -eq 0 ]]; then
 else
     SUMMARY+=("abi:   FAILED (exit $abi_rc): ${abi_lines:-see the log above}")
     FAILED_STAGES+=("abi")
+fi
+
+# ---------------------------------------------------------------------------
+# The devices' architecture: armv7l binaries, tested under emulation in an
+# armhf root (made once, then reused). Only with --arm: from scratch it takes
+# longer than the other stages together.
+if [[ $sanitizers -eq 1 && $arm -eq 1 ]]; then
+    banner "Arm (armv7l, cross-compiled, tests under emulation; scripts/test-arm.sh)"
+    arm_log="$PREFIX/test-arm.log"
+    HARVO_BUILD_PREFIX="$PREFIX" bash "$ROOT/scripts/test-arm.sh" 2>&1 | tee "$arm_log"
+    arm_rc=${PIPESTATUS[0]}
+    line=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$arm_log" | tail -n 1)
+    if [[ -n "$line" ]]; then
+        failed=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")
+        total=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\2/' <<<"$line")
+        TOTAL_PASSED=$((TOTAL_PASSED + total - failed))
+        TOTAL_FAILED=$((TOTAL_FAILED + failed))
+        SUMMARY+=("$(printf '%-6s %s' "arm:" "$line")")
+    else
+        SUMMARY+=("$(printf '%-6s %s' "arm:" "did not reach its tests (exit $arm_rc, log $arm_log)")")
+    fi
+    [[ $arm_rc -eq 0 ]] || FAILED_STAGES+=("arm")
 fi
 
 # ---------------------------------------------------------------------------

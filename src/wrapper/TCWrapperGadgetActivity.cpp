@@ -111,9 +111,9 @@ bool TCWrapperGadgetActivity::IfMessageReceived(const char* from, const TCMessag
     bool result =
         m_pOps->pelx_msg_received_cb(from, wrappedMessage.GetMMessager(),
                                      wrappedReply.GetMMessager(), signalName, m_pOps->priv_data);
-    // What the C callback wrote is what the sender receives.
-    if (reply != nullptr)
-        ConvertToMessage(wrappedReply.GetMMessager(), reply);
+    // What the C callback wrote is what the sender receives. A null reply is
+    // handed to the copy as well, which reports it with its own log line.
+    ConvertToMessage(wrappedReply.GetMMessager(), reply);
     return result;
 }
 

@@ -143,17 +143,29 @@ TEST(ApplicationTest, TheDefaultHooksAcceptAndDoNothing) {
     EXPECT_TRUE(harvo_app_test::HasLineFrom(capture, DLOG_INFO, "", "OnService"));
 }
 
-// Itanium C++ ABI: a pointer to a virtual member function holds 1 + the
-// byte offset of its slot in the primary table.
+// Decodes the slot of a pointer to a virtual member function. Both ABIs the
+// library runs on store two words: a function word and an adjustment word.
+// The generic Itanium ABI (x86-64) marks a virtual function by an odd
+// function word, 1 + the byte offset of its slot in the primary table. The
+// ARM C++ ABI (armv7l) keeps function addresses free to be odd (Thumb), so
+// there the flag is the low bit of the adjustment word (2 * adjustment + 1)
+// and the function word holds the slot's plain byte offset.
 template <class Method>
 std::ptrdiff_t SlotOf(Method method) {
     struct Raw {
         std::ptrdiff_t ptr;
         std::ptrdiff_t adj;
     } raw;
-    static_assert(sizeof(Method) == sizeof(Raw), "Itanium member pointer");
+    static_assert(sizeof(Method) == sizeof(Raw), "two-word member pointer");
     std::memcpy(&raw, &method, sizeof(raw));
-    return (raw.ptr - 1) / static_cast<std::ptrdiff_t>(sizeof(void*));
+#if defined(__arm__) || defined(__aarch64__)
+    EXPECT_EQ(1, raw.adj & 1) << "not a virtual member function";
+    const std::ptrdiff_t offset = raw.ptr;
+#else
+    EXPECT_EQ(1, raw.ptr & 1) << "not a virtual member function";
+    const std::ptrdiff_t offset = raw.ptr - 1;
+#endif
+    return offset / static_cast<std::ptrdiff_t>(sizeof(void*));
 }
 
 TEST(ApplicationTest, TheHooksFollowTheServersVirtualsInOrder) {

@@ -203,4 +203,23 @@ TEST_F(PelxGadgetTest, WrapperForwardsEventsAndMessages) {
     pelx_destory_gadget_activity_ops(gops);
 }
 
+// A message handed over without a reply object still reaches the C
+// callback, with an empty reply record; copying that record back has no
+// target, so the copy reports its one "NULL msg" line and nothing else.
+TEST_F(PelxGadgetTest, NullReplyIsCopiedBackAndReportedOnce) {
+    Seen seen;
+    pelx_gadget_activity_ops* gops = pelx_create_gadget_activity_ops(&seen);
+    pelx_set_gadget_pelx_msg_received_cb(gops, OnReceived);
+    TCWrapperGadgetActivity activity(gops, "wrapped", false);
+
+    TCMessage message;
+    message.SetMessage("{\"m\":3}");
+    EXPECT_TRUE(activity.IfMessageReceived("peer", &message, nullptr, nullptr));
+    EXPECT_EQ("peer", seen.sender);
+    EXPECT_EQ("{\"m\":3}", seen.info);
+    EXPECT_EQ(1u, capture_.CountFramework(DLOG_ERROR, "NULL msg"));
+    EXPECT_EQ(0u, capture_.CountFramework(DLOG_ERROR, "null ops"));
+    pelx_destory_gadget_activity_ops(gops);
+}
+
 }  // namespace
