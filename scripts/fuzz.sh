@@ -68,7 +68,7 @@ if ! { CC=clang CXX=clang++ cmake -S "$ROOT" -B "$BUILD" -G Ninja \
         -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHARVO_BUILD_FUZZERS=ON \
         -DHARVO_BUILD_TESTS=OFF -DHARVO_BUILD_EXAMPLES=OFF >"$BUILD/configure.log" 2>&1 &&
         cmake --build "$BUILD" -j "$JOBS" --target fuzzers; }; then
-    echo "fuzz.sh: building the harnesses failed (configure log: $BUILD.configure.log)" >&2
+    echo "fuzz.sh: building the harnesses failed (configure log: $BUILD/configure.log)" >&2
     exit 1
 fi
 mkdir -p "$FINDINGS"
