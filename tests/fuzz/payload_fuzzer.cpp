@@ -194,6 +194,10 @@ void CheckUnpackIntoMessage(GVariant* payload, const std::string& shape, const s
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     harvo_fuzz::SilenceLog();
+    // A GLib critical or warning on the way means a bad argument reached
+    // GLib: a finding like a crash.
+    g_log_set_always_fatal(
+        static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
     return 0;
 }
 
