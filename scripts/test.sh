@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The test command: installs the dependencies, then builds and runs the
-# test suite in three configurations:
+# test suite in three configurations, and runs the stages below:
 #
 #   1. Debug      (build/)       every test, the slow ones included; then,
 #                                once, the soak (label soak: two minutes of
@@ -9,12 +9,15 @@
 #                                every test but the slow ones
 #   3. Tsan       (build-tsan/)  ThreadSanitizer, the threaded suites
 #                                (events, tasks, alarms, locks, bus)
-#   4. Bench      (build-bench/) the bench command's short run: the table
+#   4. Fuzz       (build-fuzz/)  scripts/fuzz.sh: each libFuzzer harness of
+#                                tests/fuzz for a short while (clang,
+#                                ASan + UBSan); any finding fails the stage
+#   5. Bench      (build-bench/) the bench command's short run: the table
 #                                must come out whole
-#   5. ABI        (build-abi/)   Release libraries compared with the baseline
+#   6. ABI        (build-abi/)   Release libraries compared with the baseline
 #                                under abi/ (scripts/check-abi.sh); runs in
 #                                every mode, --quick included
-#   6. Arm        (build-arm/)   with --arm only (CI passes it): scripts/test-arm.sh,
+#   7. Arm        (build-arm/)   with --arm only (CI passes it): scripts/test-arm.sh,
 #                                the armv7l build, tests but the slow ones
 #                                run under emulation (about 25 minutes from
 #                                scratch, 6 with its root and build kept)
@@ -22,6 +25,7 @@
 # Usage: scripts/test.sh [--quick] [--no-sanitizers] [--arm | --no-arm]
 #   --quick           Debug only, slow tests and the soak skipped
 #   --no-sanitizers   Debug only, slow tests included
+#                     (both skip the fuzz stage and the bench stage)
 #   --arm             add the armv7l stage to a full run
 #   --no-arm          leave it out (the default)
 #
@@ -30,6 +34,7 @@
 #                       (default: the repository root)
 #   HARVO_JOBS          parallel compile jobs (default 2)
 #   HARVO_TEST_JOBS     tests run at once by ctest (default 2)
+#   HARVO_FUZZ_SECONDS  how long the fuzz stage runs each harness (default 20)
 #
 # Exits non-zero when any stage fails to build or has a failing test.
 set -uo pipefail
@@ -209,6 +214,27 @@ if [[ $sanitizers -eq 1 ]]; then
             FAILED_STAGES+=("tsan build")
             SUMMARY+=("tsan:  build failed")
         fi
+    fi
+fi
+
+# ---------------------------------------------------------------------------
+# The fuzz harnesses, briefly each: proves on every full run that they build
+# and that the seed corpus and a short exploration find nothing. Long runs
+# are recorded in tests/fuzz/README.md.
+if [[ $sanitizers -eq 1 ]]; then
+    fuzz_seconds=${HARVO_FUZZ_SECONDS:-20}
+    banner "Fuzz (scripts/fuzz.sh $fuzz_seconds, clang + ASan + UBSan in $PREFIX/build-fuzz)"
+    fuzz_log="$PREFIX/fuzz-smoke.log"
+    HARVO_BUILD_PREFIX="$PREFIX" bash "$ROOT/scripts/fuzz.sh" "$fuzz_seconds" 2>&1 | tee "$fuzz_log"
+    fuzz_rc=${PIPESTATUS[0]}
+    fuzz_line=$(grep -E '^fuzz: [0-9]+ harnesses' "$fuzz_log" | tail -n 1)
+    if [[ -n "$fuzz_line" ]]; then
+        SUMMARY+=("$(printf '%-6s %s' "fuzz:" "${fuzz_line#fuzz: }")")
+    else
+        SUMMARY+=("$(printf '%-6s %s' "fuzz:" "did not finish (exit $fuzz_rc)")")
+    fi
+    if [[ $fuzz_rc -ne 0 ]]; then
+        FAILED_STAGES+=("fuzz")
     fi
 fi
 
