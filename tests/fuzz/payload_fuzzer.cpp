@@ -30,13 +30,14 @@ using harvo_fuzz::Require;
 
 const char kRequest[] = "(suss)";
 const char kWithBuffer[] = "(sussa(y))";
+const char kPlainBytes[] = "(sussay)";
 
 // Shapes that stock tools and buggy peers send in place of the two real
 // ones, and the two real ones.
-const char* const kShapes[] = {kRequest,   kWithBuffer,   "(sussay)", "(sussas)",    "(sussa(yy))",
-                               "(sussv)",  "(sussa(y)s)", "(ssss)",   "(susu)",      "(sus)",
-                               "(s)",      "()",          "ay",       "as",          "a(yy)",
-                               "a(y)",     "s",           "v",        "(sussa{sv})", "(usss)",
+const char* const kShapes[] = {kRequest,   kWithBuffer,   kPlainBytes, "(sussas)",    "(sussa(yy))",
+                               "(sussv)",  "(sussa(y)s)", "(ssss)",    "(susu)",      "(sus)",
+                               "(s)",      "()",          "ay",        "as",          "a(yy)",
+                               "a(y)",     "s",           "v",         "(sussa{sv})", "(usss)",
                                "((suss))", "(sussmay)"};
 constexpr size_t kShapeCount = sizeof(kShapes) / sizeof(kShapes[0]);
 
@@ -165,7 +166,12 @@ void CheckUnpackIntoMessage(GVariant* payload, const std::string& shape, const s
     char* from = nullptr;
     Quelt::TCMessage message;
     Quelt::detail::UnpackIntoMessage(payload, &from, &message);
-    if (shape == kRequest || shape == kWithBuffer) {
+    // The receiving paths take the plain byte array that stock tools send
+    // as a buffer too; every other shape is refused before it gets here.
+    const bool accepted = shape == kRequest || shape == kWithBuffer || shape == kPlainBytes;
+    Require(Quelt::detail::IsMessagePayload(payload) == accepted, "the shape check disagrees",
+            where);
+    if (accepted) {
         const char* expected = nullptr;
         g_variant_get_child(payload, 0, "&s", &expected);
         Require(from != nullptr && std::strcmp(from, expected) == 0, "from differs", where);
