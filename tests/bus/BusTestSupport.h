@@ -576,6 +576,17 @@ inline ToolResult RunTool(const std::vector<std::string>& args, milliseconds lim
     return result;
 }
 
+// A bus connection of this process besides the framework's own, so that
+// this process can call its own endpoints while it serves the main context;
+// null on failure. The caller closes and unrefs it.
+inline GDBusConnection* NewSecondConnection() {
+    return g_dbus_connection_new_for_address_sync(
+        getenv("DBUS_SYSTEM_BUS_ADDRESS"),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+}
+
 inline bool ExitedWith(const ToolResult& result, int code) {
     return result.status != -1 && WIFEXITED(result.status) && WEXITSTATUS(result.status) == code;
 }

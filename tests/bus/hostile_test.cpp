@@ -19,6 +19,7 @@ using harvo_bus_test::CloseAtExit;
 using harvo_bus_test::ExitedWith;
 using harvo_bus_test::IndexOf;
 using harvo_bus_test::kLimit;
+using harvo_bus_test::NewSecondConnection;
 using harvo_bus_test::PeerProcess;
 using harvo_bus_test::PumpForLog;
 using harvo_bus_test::PumpUntil;
@@ -36,16 +37,6 @@ using Quelt::TCServer;
 using Quelt::TCServerTestPeer;
 
 const char kErrorBody[] = "{\"dbus_result\":\"fail\",\"errmsg\":\"error handling\"}";
-
-// A bus connection of this process besides the framework's own, so that
-// this process can call its own endpoint while it serves the main context.
-GDBusConnection* NewSecondConnection() {
-    return g_dbus_connection_new_for_address_sync(
-        getenv("DBUS_SYSTEM_BUS_ADDRESS"),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
-}
 
 // The outcome of one raw call: the reply's type string and body text, or
 // the D-Bus error's text.

@@ -26,6 +26,7 @@ using harvo_bus_test::HeldCloseLock;
 using harvo_bus_test::IndexOf;
 using harvo_bus_test::kLimit;
 using harvo_bus_test::MakeMessage;
+using harvo_bus_test::NewSecondConnection;
 using harvo_bus_test::PeerProcess;
 using harvo_bus_test::PumpForLog;
 using harvo_bus_test::PumpUntil;
@@ -714,16 +715,6 @@ TEST(PendingCallNotify, ReplyToAMissingDestinationFailsToFinish) {
 
 void ForwardToNotify(GObject* source, GAsyncResult* result, gpointer data) {
     TCServerTestPeer::PendingCallNotify(source, result, static_cast<TCServer*>(data));
-}
-
-// A bus connection of this process besides the framework's own; null on
-// failure. The caller closes and unrefs it.
-GDBusConnection* NewSecondConnection() {
-    return g_dbus_connection_new_for_address_sync(
-        getenv("DBUS_SYSTEM_BUS_ADDRESS"),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
 }
 
 TEST(PendingCallNotify, AReplyOnAnotherConnectionIsStillDelivered) {
