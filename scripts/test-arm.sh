@@ -18,8 +18,9 @@
 #   --with-slow   run the slow tests too (label "slow"; skipped by default:
 #                 under emulation they take longer than the rest together)
 #
-# install_consumer never runs here (a native compiler under emulation passes
-# its time limit); the Debug stage of scripts/test.sh runs it.
+# install_consumer, the soak and the tests of the build machine's own tools
+# (Doxygen, nm, rpmspec, apt) never run here; the Debug stage of
+# scripts/test.sh runs them.
 #
 # Environment:
 #   HARVO_BUILD_PREFIX  directory that holds build-arm-root/ and build-arm/
@@ -140,12 +141,16 @@ if [[ $demo -eq 1 ]]; then
     exit $rc
 fi
 
-# install_consumer does not run here: it builds three programs with a native
-# compiler, which under emulation takes longer than its time limit, and what
-# it checks (the installed files, pkg-config and CMake package) is the same
-# on both architectures and checked by every other stage.
-label_args=(-LE slow -E '^install_consumer$')
-[[ $with_slow -eq 1 ]] && label_args=(-E '^install_consumer$')
+# Tests of the build machine's tools do not run here; what they check does
+# not depend on the architecture, and the Debug stage of scripts/test.sh runs
+# them: install_consumer builds programs with a native compiler (under
+# emulation longer than its time limit); docs_reference (Doxygen),
+# abi_exported_symbols (nm), packaging_spec_files (rpmspec) and
+# scripts_install_deps_without_root (apt) need tools the root does not carry.
+# The soak (label soak) runs once, in the Debug stage.
+host_only='^(install_consumer|docs_reference|abi_exported_symbols|packaging_spec_files|scripts_install_deps_without_root)$'
+label_args=(-LE 'slow|soak' -E "$host_only")
+[[ $with_slow -eq 1 ]] && label_args=(-LE soak -E "$host_only")
 banner "Tests on armv7l under emulation (ctest ${label_args[*]})"
 t0=$SECONDS
 log="$BUILD/ctest-output.log"
