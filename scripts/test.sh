@@ -19,8 +19,8 @@
 #                                every mode, --quick included
 #   7. Arm        (build-arm/)   with --arm only (CI passes it): scripts/test-arm.sh,
 #                                the armv7l build, tests but the slow ones
-#                                run under emulation (about 25 minutes from
-#                                scratch, 6 with its root and build kept)
+#                                run under emulation (13 to 25 minutes from
+#                                scratch, 3 to 6 with its root and build kept)
 #
 # Usage: scripts/test.sh [--quick] [--no-sanitizers] [--arm | --no-arm]
 #   --quick           Debug only, slow tests and the soak skipped
