@@ -19,7 +19,7 @@
 #                                every mode, --quick included
 #   7. Arm        (build-arm/)   scripts/test-arm.sh (--no-arm leaves it out):
 #                                the armv7l build, tests but the slow ones
-#                                run under emulation (13 to 25 minutes from
+#                                run under emulation (6 to 25 minutes from
 #                                scratch, 3 to 6 with its root and build kept)
 #
 # Usage: scripts/test.sh [--quick] [--no-sanitizers] [--arm | --no-arm]
@@ -285,7 +285,7 @@ fi
 # ---------------------------------------------------------------------------
 # The devices' architecture: armv7l binaries, tested under emulation in an
 # armhf root (made once, then reused). From scratch it takes about a third
-# of the whole command (13 minutes of 39 on a fresh clone); --no-arm skips it.
+# of the whole command (6 to 13 minutes on a fresh clone); --no-arm skips it.
 if [[ $sanitizers -eq 1 && $arm -eq 1 ]]; then
     banner "Arm (armv7l, cross-compiled, tests under emulation; scripts/test-arm.sh)"
     arm_log="$PREFIX/test-arm.log"
