@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer harnesses of tests/fuzz (clang, AddressSanitizer +
 # UndefinedBehaviorSanitizer, in build-fuzz/) and runs each of them in turn
-# on a fresh copy of its seed corpus (tests/fuzz/corpus/<harness>/; the
+# on a fresh copy of its seed inputs (tests/fuzz/corpus/<harness>/; the
 # repository's corpus is never written to).
 #
 # Usage: scripts/fuzz.sh [--runs N] [seconds] [harness...]

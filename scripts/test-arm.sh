@@ -145,10 +145,10 @@ fi
 # not depend on the architecture, and the Debug stage of scripts/test.sh runs
 # them: install_consumer builds programs with a native compiler (under
 # emulation longer than its time limit); docs_reference (Doxygen),
-# abi_exported_symbols (nm), packaging_spec_files (rpmspec) and
+# abi_exported_symbols (nm), packaging_recipe_files (rpmspec) and
 # scripts_install_deps_without_root (apt) need tools the root does not carry.
 # The soak (label soak) runs once, in the Debug stage.
-host_only='^(install_consumer|docs_reference|abi_exported_symbols|packaging_spec_files|scripts_install_deps_without_root)$'
+host_only='^(install_consumer|docs_reference|abi_exported_symbols|packaging_recipe_files|scripts_install_deps_without_root)$'
 label_args=(-LE 'slow|soak' -E "$host_only")
 [[ $with_slow -eq 1 ]] && label_args=(-LE soak -E "$host_only")
 banner "Tests on armv7l under emulation (ctest ${label_args[*]})"

@@ -3,12 +3,12 @@
 find_program(HARVO_RPMSPEC rpmspec)
 find_program(HARVO_PYTHON3_FOR_PACKAGING python3)
 if(HARVO_RPMSPEC AND HARVO_PYTHON3_FOR_PACKAGING)
-    add_test(NAME packaging_spec_files
-        COMMAND ${HARVO_PYTHON3_FOR_PACKAGING} ${CMAKE_CURRENT_LIST_DIR}/spec_files.py
+    add_test(NAME packaging_recipe_files
+        COMMAND ${HARVO_PYTHON3_FOR_PACKAGING} ${CMAKE_CURRENT_LIST_DIR}/recipe_files.py
             ${PROJECT_SOURCE_DIR}/packaging/harvo-fw.spec
             ${PROJECT_BINARY_DIR}
-            ${CMAKE_CURRENT_BINARY_DIR}/packaging-spec-files)
-    set_tests_properties(packaging_spec_files PROPERTIES LABELS unit TIMEOUT 120)
+            ${CMAKE_CURRENT_BINARY_DIR}/packaging-recipe-files)
+    set_tests_properties(packaging_recipe_files PROPERTIES LABELS unit TIMEOUT 120)
 else()
     message(WARNING "harvo-fw: rpmspec or python3 missing; the packaging test is skipped "
         "(run scripts/install-deps.sh)")

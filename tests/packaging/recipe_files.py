@@ -2,7 +2,7 @@
 """Compares what `cmake --install` installs with the %files sections of the
 package recipe, so that the two cannot drift apart.
 
-    spec_files.py SPEC BUILD_DIR WORK_DIR
+    recipe_files.py RECIPE BUILD_DIR WORK_DIR
 
 The recipe is parsed by rpmspec -P (which must succeed) with the install
 directories of BUILD_DIR's cache, so the paths agree with a staged install
@@ -64,14 +64,14 @@ def install_dirs(build_dir):
     return dirs
 
 
-def parse_spec(spec, dirs):
+def parse_recipe(recipe, dirs):
     """{package: [entry, ...]} of the recipe's %files sections."""
-    command = ["rpmspec", "-P", spec]
+    command = ["rpmspec", "-P", recipe]
     for macro, value in dirs.items():
         command += ["--define", "%s %s" % (macro, value)]
     parsed = subprocess.run(command, capture_output=True, text=True)
     if parsed.returncode != 0:
-        fail("rpmspec -P %s failed:\n%s" % (spec, parsed.stderr))
+        fail("rpmspec -P %s failed:\n%s" % (recipe, parsed.stderr))
     files = {}
     current = None
     for raw in parsed.stdout.splitlines():
@@ -89,7 +89,7 @@ def parse_spec(spec, dirs):
         path = QUALIFIERS.sub("", line)
         files[current].append((path, only_dir))
     if not files:
-        fail("no %files section in " + spec)
+        fail("no %files section in " + recipe)
     return files
 
 
@@ -142,14 +142,14 @@ def main():
     if len(sys.argv) != 4:
         print(__doc__)
         return 2
-    spec, build_dir, work = sys.argv[1:4]
+    recipe, build_dir, work = sys.argv[1:4]
     os.makedirs(work, exist_ok=True)
     dirs = install_dirs(build_dir)
     installed_all = staged_files(build_dir, os.path.join(work, "root"))
     installed = [p for p in installed_all if not HOST_ONLY.search(p)]
     print("installed: %d files (%d of the host platform layer left out)"
           % (len(installed), len(installed_all) - len(installed)))
-    files = parse_spec(spec, dirs)
+    files = parse_recipe(recipe, dirs)
     for package, entries in sorted(files.items()):
         print("%%files %s: %s" % (package, " ".join(e[0] for e in entries)))
 
