@@ -19,6 +19,14 @@ command -v setpriv >/dev/null || {
 }
 as_nobody() { setpriv --reuid=nobody --regid=nogroup --clear-groups -- "$@"; }
 
+# The work tree may sit below a directory that nobody cannot enter (a
+# private temporary directory, a home directory): nobody runs a copy.
+copy_dir=$(mktemp -d) || exit 1
+trap 'rm -rf "$copy_dir"' EXIT
+chmod 755 "$copy_dir"
+cp "$SCRIPT" "$copy_dir/install-deps.sh" && chmod 755 "$copy_dir/install-deps.sh" || exit 1
+SCRIPT=$copy_dir/install-deps.sh
+
 failures=0
 fail() {
     echo "FAIL: $*" >&2
