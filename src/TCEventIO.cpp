@@ -82,6 +82,99 @@ void TakeQueuedEvent(TCEvent* out, TCEvent* queued) {
     out->param.p = queued->param.p;
 }
 
+// ---------------------------------------------------------------------------
+// The wake watch: a source on the read end of the wake pipe.
+//
+// An ordinary channel watch may not recurse, so GLib takes its descriptor
+// out of the poll set around every dispatch and puts it back afterwards,
+// waking the context each time: two writes and a read per event. This
+// source may recurse instead, and stops polling only while a dispatch of
+// its own runs, which is exactly when GLib would have blocked it: a handler
+// that runs a nested loop on the same context neither receives the next
+// event of its queue (check says no) nor makes that loop spin on the
+// pending wake bytes (the descriptor is out of the poll set). Everything it
+// touches belongs to the thread that iterates the context.
+struct WakeWatch {
+    GSource source;       // first: GLib allocates and frees the whole block
+    GPollFD pollfd;       // registered with the source, events set in prepare
+    GIOChannel* channel;  // owned reference; reads go through its buffer
+    gboolean dispatching;
+};
+
+WakeWatch* AsWakeWatch(GSource* source) {
+    return reinterpret_cast<WakeWatch*>(source);
+}
+
+// Wake bytes already read into the channel's buffer count as readable.
+bool BufferedWakeBytes(WakeWatch* watch) {
+    return (g_io_channel_get_buffer_condition(watch->channel) & G_IO_IN) != 0;
+}
+
+gboolean WakeWatchPrepare(GSource* source, gint* timeout) {
+    WakeWatch* watch = AsWakeWatch(source);
+    *timeout = -1;
+    if (watch->dispatching) {
+        watch->pollfd.events = 0;
+        return FALSE;
+    }
+    watch->pollfd.events = G_IO_IN;
+    return BufferedWakeBytes(watch);
+}
+
+gboolean WakeWatchCheck(GSource* source) {
+    WakeWatch* watch = AsWakeWatch(source);
+    if (watch->dispatching)
+        return FALSE;
+    return (watch->pollfd.revents & G_IO_IN) != 0 || BufferedWakeBytes(watch);
+}
+
+// Clears the dispatching mark on every way out of a dispatch.
+class DispatchMark {
+public:
+    explicit DispatchMark(WakeWatch* watch) : watch_(watch) { watch_->dispatching = TRUE; }
+    ~DispatchMark() { watch_->dispatching = FALSE; }
+    DispatchMark(const DispatchMark&) = delete;
+    DispatchMark& operator=(const DispatchMark&) = delete;
+
+private:
+    WakeWatch* watch_;
+};
+
+gboolean WakeWatchDispatch(GSource* source, GSourceFunc callback, gpointer data) {
+    WakeWatch* watch = AsWakeWatch(source);
+    if (callback == nullptr)
+        return G_SOURCE_REMOVE;  // nothing to call: the source is useless
+    // A dispatch of its own is already running further up this thread's
+    // stack; check never lets this happen, and this keeps it so.
+    if (watch->dispatching)
+        return G_SOURCE_CONTINUE;
+    DispatchMark mark(watch);
+    GIOFunc onWake = reinterpret_cast<GIOFunc>(reinterpret_cast<void (*)()>(callback));
+    return onWake(watch->channel, G_IO_IN, data);
+}
+
+void WakeWatchFinalize(GSource* source) {
+    g_io_channel_unref(AsWakeWatch(source)->channel);
+}
+
+GSourceFuncs wakeWatchFuncs = {WakeWatchPrepare,  WakeWatchCheck, WakeWatchDispatch,
+                               WakeWatchFinalize, nullptr,        nullptr};
+
+// A watch for |channel|'s descriptor; it takes its own channel reference.
+GSource* NewWakeWatch(GIOChannel* channel) {
+    GSource* source = g_source_new(&wakeWatchFuncs, sizeof(WakeWatch));
+    WakeWatch* watch = AsWakeWatch(source);
+    watch->channel = g_io_channel_ref(channel);
+    watch->dispatching = FALSE;
+    watch->pollfd.fd = g_io_channel_unix_get_fd(channel);
+    watch->pollfd.events = G_IO_IN;
+    watch->pollfd.revents = 0;
+    g_source_add_poll(source, &watch->pollfd);
+    g_source_set_can_recurse(source, TRUE);
+    g_source_set_name(source, "harvo-fw event queue");
+    return source;
+}
+
 // The event IO that serves |event|'s receiver.
 TCEventIO* ServingIO(const TCEvent* event) {
     return event->receiver->GetEventIO();
@@ -144,7 +237,7 @@ bool TCEventIO::Init(GMainLoop* loop) {
         return false;
     }
 
-    m_pWatch = g_io_create_watch(m_pChannel, G_IO_IN);
+    m_pWatch = NewWakeWatch(m_pChannel);
     GMainContext* context =
         loop != nullptr ? g_main_loop_get_context(loop) : g_main_context_default();
     g_source_set_callback(m_pWatch, G_SOURCE_FUNC(m_InterIOWatch), static_cast<gpointer>(this),

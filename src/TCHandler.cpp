@@ -4,7 +4,9 @@
 #include "TCLock.h"
 #include "TCEvent.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "QueltLog.h"
 
@@ -20,6 +22,48 @@ inline bool IsInfinite(unsigned long timeout) {
     return static_cast<uint32_t>(static_cast<uint32_t>(timeout) + 1u) == 0u;
 }
 
+// A semaphore's GMutex is the first member of a block that also counts the
+// threads waiting on its condition, so that a give wakes only when someone
+// waits. The semaphore itself keeps its three fields; the count lives beside
+// the mutex it is guarded by.
+struct CountedMutex {
+    GMutex mutex;  // first: the block's address is the mutex's
+    int waiters;   // threads inside a wait on the condition; under |mutex|
+};
+static_assert(std::is_standard_layout<CountedMutex>::value && offsetof(CountedMutex, mutex) == 0,
+              "a semaphore's mutex pointer is also its block's");
+
+CountedMutex* BlockOf(GMutex* mutex) {
+    return reinterpret_cast<CountedMutex*>(mutex);
+}
+
+GMutex* NewCountedMutex() {
+    CountedMutex* block = g_new0(CountedMutex, 1);
+    return block != nullptr ? &block->mutex : nullptr;
+}
+
+void FreeCountedMutex(GMutex* mutex) {
+    g_free(BlockOf(mutex));
+}
+
+// Both are called with |mutex| held.
+int Waiters(GMutex* mutex) {
+    return BlockOf(mutex)->waiters;
+}
+
+void WaitCounted(GCond* cond, GMutex* mutex) {
+    BlockOf(mutex)->waiters += 1;
+    g_cond_wait(cond, mutex);
+    BlockOf(mutex)->waiters -= 1;
+}
+
+gboolean WaitCountedUntil(GCond* cond, GMutex* mutex, gint64 end_time) {
+    BlockOf(mutex)->waiters += 1;
+    gboolean signalled = g_cond_wait_until(cond, mutex, end_time);
+    BlockOf(mutex)->waiters -= 1;
+    return signalled;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -31,7 +75,7 @@ TCSemaphore::~TCSemaphore() {}
 
 bool TCSemaphore::Create(int initial) {
     m_Count = initial;
-    m_pEventMutex = g_new0(GMutex, 1);
+    m_pEventMutex = NewCountedMutex();
     m_pCond = g_new0(GCond, 1);
     if (m_pEventMutex == nullptr || m_pCond == nullptr) {
         QLOGE("can't allocate memory");
@@ -47,7 +91,7 @@ bool TCSemaphore::Create(int initial) {
 void TCSemaphore::Take() {
     g_mutex_lock(m_pEventMutex);
     while (m_Count < 1)
-        g_cond_wait(m_pCond, m_pEventMutex);
+        WaitCounted(m_pCond, m_pEventMutex);
     m_Count -= 1;
     g_mutex_unlock(m_pEventMutex);
 }
@@ -55,7 +99,10 @@ void TCSemaphore::Take() {
 void TCSemaphore::Give() {
     g_mutex_lock(m_pEventMutex);
     m_Count += 1;
-    g_cond_signal(m_pCond);
+    // One waiter per unit. With nobody waiting there is nobody to wake,
+    // and GLib's signal is a system call even then.
+    if (Waiters(m_pEventMutex) > 0)
+        g_cond_signal(m_pCond);
     g_mutex_unlock(m_pEventMutex);
 }
 
@@ -78,7 +125,7 @@ bool TCSemaphore::Try(unsigned long timeout) {
         }
         // The deadline is taken afresh after every wake-up: a waiter that
         // loses the unit to another thread waits a full timeout again.
-        if (!g_cond_wait_until(m_pCond, m_pEventMutex, g_get_monotonic_time() + wait_us)) {
+        if (!WaitCountedUntil(m_pCond, m_pEventMutex, g_get_monotonic_time() + wait_us)) {
             g_mutex_unlock(m_pEventMutex);
             return false;
         }
@@ -89,7 +136,7 @@ void TCSemaphore::Destroy() {
     QLOGE("");
     g_mutex_clear(m_pEventMutex);
     g_cond_clear(m_pCond);
-    g_free(m_pEventMutex);
+    FreeCountedMutex(m_pEventMutex);
     g_free(m_pCond);
     m_pEventMutex = nullptr;
     m_pCond = nullptr;
