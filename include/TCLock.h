@@ -29,8 +29,9 @@ public:
     TCSemaphore();
     /** Releases nothing; call Destroy() first. */
     virtual ~TCSemaphore();
-    /** Wakes every waiter (their Try() fails) and frees the GLib mutex and
-     *  condition. Safe to call twice. */
+    /** Logs an empty error line and frees the GLib mutex and condition.
+     *  No thread may wait on the semaphore then, and it is not to be
+     *  destroyed twice; Try() afterwards fails with a log line. */
     virtual void Destroy();
 
     /** Sets the count to \p initial and allocates the GLib mutex and
@@ -39,7 +40,8 @@ public:
     bool Create(int initial);
     /** Takes one unit, waiting without limit until one is there. */
     void Take();
-    /** Gives one unit back and wakes one waiter. */
+    /** Gives one unit back and wakes one waiter, if a thread waits (with
+     *  nobody waiting it makes no wake-up call). */
     void Give();
     /** Takes one unit, waiting at most \p timeout microseconds after every
      *  wake-up (QUELT_INFINITY: without limit).

@@ -29,6 +29,7 @@ PACKAGES=(
     libgmock-dev
     libbenchmark-dev
     python3
+    strace               # counts the lock classes' wake-up calls, and the bench's per-event calls
     # the system-bus policy test runs a service as an unprivileged user
     util-linux           # setpriv
     dbus-system-bus-common  # the stock system bus policy the test starts from

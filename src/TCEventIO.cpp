@@ -13,6 +13,7 @@
 #include "QueltLog.h"
 #include "TCMessage.h"
 #include "TCServer.h"
+#include "ThreadAnnotations.h"
 
 namespace Quelt {
 
@@ -93,7 +94,10 @@ void TakeQueuedEvent(TCEvent* out, TCEvent* queued) {
 // that runs a nested loop on the same context neither receives the next
 // event of its queue (check says no) nor makes that loop spin on the
 // pending wake bytes (the descriptor is out of the poll set). Everything it
-// touches belongs to the thread that iterates the context.
+// touches belongs to the thread that iterates the context; GLib hands the
+// source from the thread that made it to that one, and on to any thread
+// that iterates the context later, under locks the race detector does not
+// see, so each callback takes the watch over and hands it on again.
 struct WakeWatch {
     GSource source;       // first: GLib allocates and frees the whole block
     GPollFD pollfd;       // registered with the source, events set in prepare
@@ -110,8 +114,21 @@ bool BufferedWakeBytes(WakeWatch* watch) {
     return (g_io_channel_get_buffer_condition(watch->channel) & G_IO_IN) != 0;
 }
 
+// Marks a callback's use of the watch for the race detector (see above).
+class WatchInUse {
+public:
+    explicit WatchInUse(WakeWatch* watch) : watch_(watch) { detail::TakeOver(watch_); }
+    ~WatchInUse() { detail::HandOver(watch_); }
+    WatchInUse(const WatchInUse&) = delete;
+    WatchInUse& operator=(const WatchInUse&) = delete;
+
+private:
+    WakeWatch* watch_;
+};
+
 gboolean WakeWatchPrepare(GSource* source, gint* timeout) {
     WakeWatch* watch = AsWakeWatch(source);
+    WatchInUse inUse(watch);
     *timeout = -1;
     if (watch->dispatching) {
         watch->pollfd.events = 0;
@@ -123,6 +140,7 @@ gboolean WakeWatchPrepare(GSource* source, gint* timeout) {
 
 gboolean WakeWatchCheck(GSource* source) {
     WakeWatch* watch = AsWakeWatch(source);
+    WatchInUse inUse(watch);
     if (watch->dispatching)
         return FALSE;
     return (watch->pollfd.revents & G_IO_IN) != 0 || BufferedWakeBytes(watch);
@@ -148,12 +166,14 @@ gboolean WakeWatchDispatch(GSource* source, GSourceFunc callback, gpointer data)
     // stack; check never lets this happen, and this keeps it so.
     if (watch->dispatching)
         return G_SOURCE_CONTINUE;
+    WatchInUse inUse(watch);
     DispatchMark mark(watch);
     GIOFunc onWake = reinterpret_cast<GIOFunc>(reinterpret_cast<void (*)()>(callback));
     return onWake(watch->channel, G_IO_IN, data);
 }
 
 void WakeWatchFinalize(GSource* source) {
+    detail::TakeOver(source);
     g_io_channel_unref(AsWakeWatch(source)->channel);
 }
 
@@ -172,6 +192,7 @@ GSource* NewWakeWatch(GIOChannel* channel) {
     g_source_add_poll(source, &watch->pollfd);
     g_source_set_can_recurse(source, TRUE);
     g_source_set_name(source, "harvo-fw event queue");
+    detail::HandOver(watch);
     return source;
 }
 
