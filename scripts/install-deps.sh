@@ -28,6 +28,8 @@ PACKAGES=(
     googletest
     libgmock-dev
     libbenchmark-dev
+    strace               # scripts/bench-counts.sh: system calls per event
+    valgrind             # scripts/bench-counts.sh: instructions per event (callgrind)
     python3
     # the system-bus policy test runs a service as an unprivileged user
     util-linux           # setpriv
