@@ -13,6 +13,7 @@
 #include <gio/gio.h>
 #include <glib.h>
 #include <json/json.h>
+#include <fcntl.h>
 #include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,6 +25,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -80,6 +82,40 @@ void Compare(const std::string& name, const std::string& reference_name,
     g_rows.push_back({name, Median(f), Median(r), unit, reference_name, target});
     std::fprintf(stdout, "  measured: %-34s %12.1f vs %12.1f %s\n", name.c_str(), Median(f),
                  Median(r), unit.c_str());
+    std::fflush(stdout);
+}
+
+// One reference of a framework case that has several, and its row.
+struct Reference {
+    std::string row;
+    std::string name;
+    std::function<double()> run;
+    double target;
+};
+
+// Runs |framework| and every reference in turn (framework, first, second,
+// framework, first, ...), after one warm-up each, so that all of them see
+// the same machine; records one row per reference, each with the
+// framework's median.
+void CompareEach(const std::function<double()>& framework, const std::vector<Reference>& references,
+                 const std::string& unit) {
+    framework();
+    for (const Reference& reference : references)
+        reference.run();
+    std::vector<double> f;
+    std::vector<std::vector<double>> r(references.size());
+    for (int i = 0; i < g_reps; ++i) {
+        f.push_back(framework());
+        for (size_t k = 0; k < references.size(); ++k)
+            r[k].push_back(references[k].run());
+    }
+    for (size_t k = 0; k < references.size(); ++k) {
+        const Reference& reference = references[k];
+        g_rows.push_back(
+            {reference.row, Median(f), Median(r[k]), unit, reference.name, reference.target});
+        std::fprintf(stdout, "  measured: %-34s %12.1f vs %12.1f %s\n", reference.row.c_str(),
+                     Median(f), Median(r[k]), unit.c_str());
+    }
     std::fflush(stdout);
 }
 
@@ -257,6 +293,121 @@ double AsyncReference(GlibLoopThread& loop, int producers, uint32_t total) {
     for (auto& t : threads)
         t.join();
     loop.progress.WaitAll(producers);
+    return (NowNs() - start) / (per * producers);
+}
+
+// The event queue's design and nothing of the framework: the "design
+// floor" of row 1b. One GLib loop thread on its own context; a producer
+// queues a small item under a GMutex and writes one wake byte per item
+// into a pipe whose read end does not block; the loop watches the read end
+// with an ordinary GIOChannel watch (not allowed to recurse, no encoding)
+// and per dispatch takes one item and reads one byte, so other sources
+// would interleave with a long queue. What the framework costs beyond this
+// is its own work, not the design's.
+const char kFloorName[] = "design floor: queue + wake byte, non-recursive GIOChannel watch";
+
+class DesignFloorLoop {
+public:
+    DesignFloorLoop() {
+        g_mutex_init(&mutex_);
+        if (pipe(pipe_) != 0)
+            std::abort();
+        fcntl(pipe_[0], F_SETFL, O_NONBLOCK);
+        context_ = g_main_context_new();
+        loop_ = g_main_loop_new(context_, FALSE);
+        GIOChannel* channel = g_io_channel_unix_new(pipe_[0]);
+        if (g_io_channel_set_encoding(channel, nullptr, nullptr) != G_IO_STATUS_NORMAL)
+            std::abort();
+        watch_ = g_io_create_watch(channel, G_IO_IN);
+        g_io_channel_unref(channel);  // the watch holds the channel from now on
+        g_source_set_callback(watch_, G_SOURCE_FUNC(OnWake), this, nullptr);
+        g_source_attach(watch_, context_);
+        thread_ = std::thread([this] {
+            g_main_context_push_thread_default(context_);
+            g_main_loop_run(loop_);
+            g_main_context_pop_thread_default(context_);
+        });
+    }
+    // The loop thread stops first: no dispatch can run once the watch and
+    // the pipe go.
+    ~DesignFloorLoop() {
+        g_main_loop_quit(loop_);
+        g_main_context_wakeup(context_);
+        thread_.join();
+        g_source_destroy(watch_);
+        g_source_unref(watch_);
+        g_main_loop_unref(loop_);
+        g_main_context_unref(context_);
+        close(pipe_[0]);
+        close(pipe_[1]);
+        g_mutex_clear(&mutex_);
+    }
+    DesignFloorLoop(const DesignFloorLoop&) = delete;
+    DesignFloorLoop& operator=(const DesignFloorLoop&) = delete;
+
+    // Any thread. As the framework's queue does, the byte goes in under the
+    // lock, before the item.
+    void Post(int producer) {
+        g_mutex_lock(&mutex_);
+        if (write(pipe_[1], "O", 1) != 1)
+            std::abort();
+        queue_.push_back({producer});
+        g_mutex_unlock(&mutex_);
+    }
+
+    Progress progress;
+
+private:
+    struct Item {
+        int producer;
+    };
+
+    // The loop thread: one item and one byte per dispatch.
+    static gboolean OnWake(GIOChannel* channel, GIOCondition, gpointer data) {
+        auto* self = static_cast<DesignFloorLoop*>(data);
+        Item item{-1};
+        g_mutex_lock(&self->mutex_);
+        if (!self->queue_.empty()) {
+            item = self->queue_.front();
+            self->queue_.pop_front();
+        }
+        g_mutex_unlock(&self->mutex_);
+        gchar byte = 0;
+        gsize length = 0;
+        if (g_io_channel_read_chars(channel, &byte, 1, &length, nullptr) != G_IO_STATUS_NORMAL) {
+            std::fprintf(stderr, "design floor: the wake pipe failed\n");
+            std::abort();
+        }
+        if (item.producer >= 0)
+            self->progress.Handled(item.producer);
+        return G_SOURCE_CONTINUE;
+    }
+
+    int pipe_[2] = {-1, -1};
+    GMutex mutex_;
+    std::deque<Item> queue_;  // guarded by mutex_
+    GMainContext* context_ = nullptr;
+    GMainLoop* loop_ = nullptr;
+    GSource* watch_ = nullptr;
+    std::thread thread_;
+};
+
+double AsyncFloor(DesignFloorLoop& floor, int producers, uint32_t total) {
+    uint32_t per = total / producers;
+    floor.progress.Reset(per);
+    double start = NowNs();
+    std::vector<std::thread> threads;
+    for (int p = 0; p < producers; ++p) {
+        threads.emplace_back([&floor, p, per] {
+            for (uint32_t i = 0; i < per; ++i) {
+                floor.progress.WaitBelowWindow(p, i);
+                floor.Post(p);
+            }
+        });
+    }
+    for (auto& t : threads)
+        t.join();
+    floor.progress.WaitAll(producers);
     return (NowNs() - start) / (per * producers);
 }
 
@@ -876,6 +1027,99 @@ void EndpointRow(bool quick) {
     g_object_unref(connection);
 }
 
+// ---------------------------------------------------------------------------
+// One case alone: `harvo-bench --only CASE N` runs exactly one framework
+// case or reference N times, without warm-up or table, and exits. Made for
+// scripts/bench-counts.sh, which runs it under strace and callgrind with
+// two values of N: the difference between the two runs is the cost of
+// N2 - N1 operations, without the process's start-up and shutdown.
+
+const char* const kOnlyCases[] = {"async-framework", "async-floor", "async-invoke",
+                                  "sync-framework",  "sync-pipe",   "signal-framework",
+                                  "signal-raw"};
+
+int OnlyUsage() {
+    std::fprintf(stderr, "usage: harvo-bench --only CASE N   (N >= 1); CASE is one of:");
+    for (const char* name : kOnlyCases)
+        std::fprintf(stderr, " %s", name);
+    std::fprintf(stderr, "\n");
+    return 2;
+}
+
+// The signal cases need the peer process and the private bus.
+int OnlySignal(bool framework, int n) {
+    if (g_getenv("DBUS_SYSTEM_BUS_ADDRESS") == nullptr) {
+        std::fprintf(stderr,
+                     "harvo-bench: the signal cases need DBUS_SYSTEM_BUS_ADDRESS (run under "
+                     "scripts/private-bus.sh)\n");
+        return 1;
+    }
+    Peer peer;
+    if (!StartPeer(peer)) {
+        std::fprintf(stderr, "harvo-bench: the peer process did not start\n");
+        StopPeer(peer);
+        return 1;
+    }
+    GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    int status = 1;
+    if (connection != nullptr) {
+        GlibLoopThread loop;
+        Quelt::TCServer server(kSigServer, Quelt::SERVER_TYPE_APP);
+        bool created = false;
+        RunOn(loop.context(), [&] { created = server.CreateDBusServer(); });
+        if (created) {
+            if (framework)
+                SignalFramework(peer, loop.context(), server, n);
+            else
+                SignalReference(peer, loop.context(), connection, n);
+            status = PeerCommand(peer, "signals off") ? 0 : 1;
+        }
+        RunOn(loop.context(), [&] { server.CloseDBusServer(); });
+        g_object_unref(connection);
+    }
+    if (status != 0)
+        std::fprintf(stderr, "harvo-bench: no bus connection or no signal endpoint\n");
+    StopPeer(peer);
+    return status;
+}
+
+int RunOnly(const std::string& name, const char* count) {
+    char* end = nullptr;
+    long n = std::strtol(count, &end, 10);
+    if (end == count || *end != '\0' || n < 1 || n > 100000000)
+        return OnlyUsage();
+    dlog_host_set_stderr(0);
+    if (name == "signal-framework" || name == "signal-raw")
+        return OnlySignal(name == "signal-framework", static_cast<int>(n));
+    if (name == "async-floor") {
+        DesignFloorLoop floor;
+        AsyncFloor(floor, 1, static_cast<uint32_t>(n));
+        return 0;
+    }
+    if (name == "async-invoke") {
+        GlibLoopThread loop;
+        AsyncReference(loop, 1, static_cast<uint32_t>(n));
+        return 0;
+    }
+    if (name == "sync-pipe") {
+        PipePingPong(static_cast<int>(n));
+        return 0;
+    }
+    if (name != "async-framework" && name != "sync-framework")
+        return OnlyUsage();
+    BenchTask task;
+    if (!task.Create("bench", true, 0)) {
+        std::fprintf(stderr, "harvo-bench: task create failed\n");
+        return 1;
+    }
+    if (name == "async-framework")
+        AsyncFramework(task, 1, static_cast<uint32_t>(n));
+    else
+        SyncFramework(task, static_cast<int>(n));
+    task.Destroy();
+    return 0;
+}
+
 void PrintTable() {
     std::printf("\n%-36s %14s %14s %-8s %7s %8s  %s\n", "row", "framework", "reference", "unit",
                 "ratio", "target", "reference is");
@@ -898,6 +1142,8 @@ void PrintTable() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && std::strcmp(argv[1], "--only") == 0)
+        return argc == 4 ? RunOnly(argv[2], argv[3]) : OnlyUsage();
     bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
     if (quick)
         g_reps = 3;
@@ -916,20 +1162,26 @@ int main(int argc, char** argv) {
     {
         GlibLoopThread loop;
 
-        // 1. Async events.
-        for (int producers : {1, 4}) {
-            std::string name = "1. async events, " + std::to_string(producers) + " producer" +
-                               (producers > 1 ? "s" : "");
-            Compare(
-                name, "g_main_context_invoke, GLib loop thread",
-                [&] { return AsyncFramework(task, producers, kAsyncEvents); },
-                [&] { return AsyncReference(loop, producers, kAsyncEvents); }, 2.0, "ns/event");
+        // 1. Async events: the framework, GLib's own cross-thread call and
+        // the queue's design floor, alternating in the same repetitions.
+        {
+            DesignFloorLoop floor;
+            for (int producers : {1, 4}) {
+                std::string what = " async events, " + std::to_string(producers) + " producer" +
+                                   (producers > 1 ? "s" : "");
+                CompareEach([&] { return AsyncFramework(task, producers, kAsyncEvents); },
+                            {{"1a." + what, "g_main_context_invoke, GLib loop thread",
+                              [&] { return AsyncReference(loop, producers, kAsyncEvents); }, 1.30},
+                             {"1b." + what, kFloorName,
+                              [&] { return AsyncFloor(floor, producers, kAsyncEvents); }, 1.00}},
+                            "ns/event");
+            }
         }
 
         // 2. Sync events.
         Compare(
             "2a. SendSyncEvent round trip", "pipe ping-pong, two threads (floor)",
-            [&] { return SyncFramework(task, kSync); }, [&] { return PipePingPong(kSync); }, 1.15);
+            [&] { return SyncFramework(task, kSync); }, [&] { return PipePingPong(kSync); }, 1.10);
         Compare(
             "2b. SendSyncEvent round trip", "g_main_context_invoke + cond. variable",
             [&] { return SyncFramework(task, kSync); },

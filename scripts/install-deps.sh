@@ -28,6 +28,8 @@ PACKAGES=(
     googletest
     libgmock-dev
     libbenchmark-dev
+    strace               # scripts/bench-counts.sh: system calls per event
+    valgrind             # scripts/bench-counts.sh: instructions per event (callgrind)
     python3
     strace               # counts the lock classes' wake-up calls, and the bench's per-event calls
     # the system-bus policy test runs a service as an unprivileged user

@@ -248,7 +248,8 @@ if [[ $sanitizers -eq 1 ]]; then
     HARVO_BUILD_PREFIX="$PREFIX" bash "$ROOT/scripts/bench.sh" --quick 2>&1 | tee "$bench_log"
     bench_rc=${PIPESTATUS[0]}
     bench_rows=(
-        "1. async events, 1 producer" "1. async events, 4 producers" "2a. SendSyncEvent"
+        "1a. async events, 1 producer" "1b. async events, 1 producer"
+        "1a. async events, 4 producers" "1b. async events, 4 producers" "2a. SendSyncEvent"
         "2b. SendSyncEvent" "3. in-process sync SendMessage" "4a. bus sync message"
         "4b. bus sync message" "4c. bus sync message" "4d. bus sync message"
         "5. signal ping-pong" "6a. body parse" "6b. body generate" "6c. body copy"
