@@ -196,6 +196,26 @@ GSource* NewWakeWatch(GIOChannel* channel) {
     return source;
 }
 
+// The node m_Put or m_Insert queues for |event|, made before the lock is
+// taken so that the lock is held for the wake byte and two pointer moves
+// only: a loop woken by the byte then rarely finds the lock still held. A
+// synchronous sender waits for its own object; everything else is queued
+// as a copy that the loop destroys. Empty for a null event, which the
+// locked path refuses.
+std::list<TCEvent*> NewQueueNode(TCEvent* event, bool copy) {
+    std::list<TCEvent*> node;
+    if (event != nullptr)
+        node.push_back(copy ? new TCEvent(*event) : event);
+    return node;
+}
+
+// A node that was never queued: the copy goes, the sender's object stays.
+void DropUnqueued(std::list<TCEvent*>& node, bool copy) {
+    if (copy && !node.empty())
+        delete node.front();
+    node.clear();
+}
+
 // The event IO that serves |event|'s receiver.
 TCEventIO* ServingIO(const TCEvent* event) {
     return event->receiver->GetEventIO();
@@ -315,10 +335,13 @@ void TCEventIO::t_Final() {}
 // The queue
 
 bool TCEventIO::m_Put(TCEvent* event) {
+    const bool copy = event != nullptr && !event->sync;
+    std::list<TCEvent*> node = NewQueueNode(event, copy);
     m_Lock.Lock();
     if (!m_FlagCreate) {
         QLOGE("event io %s has destroyed!", m_Name.c_str());
         m_Lock.Unlock();
+        DropUnqueued(node, copy);
         return false;
     }
     QUELT_ASSERT(event != NULL);
@@ -329,26 +352,26 @@ bool TCEventIO::m_Put(TCEvent* event) {
     // held, and the loop, which only tries the lock, cannot drain it then:
     // senders must stay less than the pipe's capacity ahead of the loop.
     QUELT_ASSERT(-1 != write(m_PipeFileDes[1], "O", 1));
-    // A synchronous sender waits for its own object; everything else is
-    // queued as a copy that the loop destroys.
-    m_EventList.push_back(event->sync ? event : new TCEvent(*event));
+    m_EventList.splice(m_EventList.end(), node);
     m_Lock.Unlock();
     return true;
 }
 
 bool TCEventIO::m_Insert(TCEvent* event) {
+    // Always a copy, even of a synchronous event; the newest urgent event
+    // runs first.
+    std::list<TCEvent*> node = NewQueueNode(event, true);
     m_Lock.Lock();
     if (!m_FlagCreate) {
         QLOGE("event io %s has destroyed!", m_Name.c_str());
         m_Lock.Unlock();
+        DropUnqueued(node, true);
         return false;
     }
     QUELT_ASSERT(event != NULL);
     QUELT_ASSERT(m_PipeFileDes[1] != -1);
     QUELT_ASSERT(-1 != write(m_PipeFileDes[1], "O", 1));
-    // Always a copy, even of a synchronous event; the newest urgent event
-    // runs first.
-    m_EventList.push_front(new TCEvent(*event));
+    m_EventList.splice(m_EventList.begin(), node);
     m_Lock.Unlock();
     return true;
 }
@@ -371,15 +394,19 @@ bool TCEventIO::m_Get(TCEvent* event, TCEvent** syncOut, unsigned long timeout) 
         return true;
     }
 
-    TCEvent* front = m_EventList.front();
-    m_EventList.pop_front();
+    // Only the unlinking needs the lock; the event is ours once it is off
+    // the queue, and its node is freed after the unlock.
+    std::list<TCEvent*> taken;
+    taken.splice(taken.begin(), m_EventList, m_EventList.begin());
+    m_Lock.Unlock();
+
+    TCEvent* front = taken.front();
     if (front->sync) {
         *syncOut = front;  // the sender's own object: not ours to destroy
     } else {
         TakeQueuedEvent(event, front);
         delete front;
     }
-    m_Lock.Unlock();
     return true;
 }
 
