@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Counts per event / per round trip for the event and signal rows of the
-# bench: system calls (strace -f -c) and instructions (callgrind), each
+# bench: system calls (the kernel's syscall tracepoints through perf stat,
+# or strace -f -c where perf cannot read them) and instructions
+# (callgrind), each
 # case run alone by `harvo-bench --only CASE N`. Every case runs twice,
 # with N1 and N2 operations; the figures are (count(N2) - count(N1)) /
 # (N2 - N1), so the process's start-up and shutdown drop out. Counts do
@@ -26,7 +28,7 @@ die() {
     exit 1
 }
 
-for tool in strace valgrind cmake; do
+for tool in valgrind cmake; do
     command -v "$tool" >/dev/null ||
         die "$tool not found: install the dependencies as root (bash scripts/install-deps.sh)"
 done
@@ -54,6 +56,45 @@ if [[ $bus_rc -ne 0 ]]; then
     cat "$WORK/bus.log" >&2
     die "the private bus did not start"
 fi
+
+# How system calls are counted. perf reads the kernel's tracepoints and
+# leaves the threads' timing alone; strace stops every thread at every call,
+# which makes a lock held across a system call far more contended than it
+# is, and so inflates the futex figures of the cross-thread cases.
+if perf stat -e syscalls:sys_enter_futex -- true >/dev/null 2>&1; then
+    SYSCALL_COUNTER=perf
+else
+    SYSCALL_COUNTER=strace
+    command -v strace >/dev/null ||
+        die "neither perf nor strace can count system calls: install the dependencies as root (bash scripts/install-deps.sh)"
+    echo "bench-counts: perf cannot read the syscall tracepoints here; counting with strace" >&2
+fi
+
+# perf_counts CASE N: the same figures as strace_counts, from perf stat.
+perf_counts() {
+    local out=$WORK/perf.$1.$2
+    perf stat -x, -o "$out" -e raw_syscalls:sys_enter,syscalls:sys_enter_futex \
+        -e syscalls:sys_enter_write,syscalls:sys_enter_read \
+        -e syscalls:sys_enter_poll,syscalls:sys_enter_ppoll \
+        -- "$BENCH" --only "$1" "$2" >/dev/null 2>"$WORK/run.log" || {
+        cat "$WORK/run.log" >&2
+        die "harvo-bench --only $1 $2 failed under perf stat"
+    }
+    # CSV lines: count,unit,event,...
+    awk -F, '$3 ~ /sys_enter_futex$/ { f = $1 } $3 ~ /sys_enter_write$/ { w = $1 }
+         $3 ~ /sys_enter_read$/ { r = $1 } $3 ~ /sys_enter_p?poll$/ { p += $1 }
+         $3 ~ /raw_syscalls:sys_enter$/ { t = $1 }
+         END { if (t == 0) exit 1; print f + 0, w + 0, r + 0, p + 0, t }' "$out" ||
+        die "no perf counts in $out"
+}
+
+syscall_counts() {
+    if [[ $SYSCALL_COUNTER == perf ]]; then
+        perf_counts "$@"
+    else
+        strace_counts "$@"
+    fi
+}
 
 # strace_counts CASE N: "futex write read poll all" calls of one run, all
 # threads and child processes together (poll and ppoll count as one).
@@ -107,8 +148,8 @@ measure() {
     echo "bench-counts: $label ($name, $n1 and $n2 operations)" >&2
     # Plain assignments, so that a failed run stops the script.
     local run1 run2 s1 s2 c1 c2
-    run1=$(strace_counts "$name" "$n1")
-    run2=$(strace_counts "$name" "$n2")
+    run1=$(syscall_counts "$name" "$n1")
+    run2=$(syscall_counts "$name" "$n2")
     read -r -a s1 <<<"$run1"
     read -r -a s2 <<<"$run2"
     run1=$(callgrind_ir "$name" "$n1")
@@ -143,7 +184,13 @@ echo "| case | ops | futex | write | read | poll | all syscalls | instructions |
 echo "| --- | ---: | ---: | ---: | ---: | ---: | ---: | ---: |"
 printf '%s\n' "${ROWS[@]}"
 echo
-echo "System calls: \`strace -f -c\`, every thread and the peer process; poll counts"
+if [[ $SYSCALL_COUNTER == perf ]]; then
+    echo "System calls: the kernel's syscall tracepoints (\`perf stat -e syscalls:sys_enter_*\`),"
+    echo "every thread and the peer process; poll counts"
+else
+    echo "System calls: \`strace -f -c\`, every thread and the peer process (strace slows every"
+    echo "call, which inflates the futex figures of the cross-thread cases); poll counts"
+fi
 echo "poll and ppoll. Instructions: callgrind's total (Ir) of every traced process"
 echo "(user space only; the bus daemon is not traced). Each figure is"
 echo "(count(N2) - count(N1)) / (N2 - N1); the system calls of the cross-thread"

@@ -28,10 +28,10 @@ PACKAGES=(
     googletest
     libgmock-dev
     libbenchmark-dev
-    strace               # scripts/bench-counts.sh: system calls per event
+    linux-perf           # scripts/bench-counts.sh: system calls per event (tracepoints)
     valgrind             # scripts/bench-counts.sh: instructions per event (callgrind)
     python3
-    strace               # counts the lock classes' wake-up calls, and the bench's per-event calls
+    strace               # lock tests count wake-up calls; bench-counts.sh where perf cannot
     # the system-bus policy test runs a service as an unprivileged user
     util-linux           # setpriv
     dbus-system-bus-common  # the stock system bus policy the test starts from
