@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <list>
+#include <memory>
 #include <string>
 
 #include "EventPayloads.h"
@@ -216,6 +218,28 @@ void DropUnqueued(std::list<TCEvent*>& node, bool copy) {
     node.clear();
 }
 
+// Set by the loop's watch around its m_Get: a queued copy is then handed
+// over as it is, instead of being moved field by field into an empty event
+// that is made, filled and destroyed for every wake-up. The watch runs the
+// handler on that copy and destroys it; what the handler sees is the same.
+thread_local TCEvent** t_adoptQueuedCopy = nullptr;
+
+// m_Get's out event while a copy is handed over: it is never written then,
+// only checked for null.
+TCEvent* UnwrittenOutEvent() {
+    static TCEvent unwritten;
+    return &unwritten;
+}
+
+// Points t_adoptQueuedCopy at |slot| for one m_Get on this thread.
+class AdoptQueuedCopy {
+public:
+    explicit AdoptQueuedCopy(TCEvent** slot) { t_adoptQueuedCopy = slot; }
+    ~AdoptQueuedCopy() { t_adoptQueuedCopy = nullptr; }
+    AdoptQueuedCopy(const AdoptQueuedCopy&) = delete;
+    AdoptQueuedCopy& operator=(const AdoptQueuedCopy&) = delete;
+};
+
 // The event IO that serves |event|'s receiver.
 TCEventIO* ServingIO(const TCEvent* event) {
     return event->receiver->GetEventIO();
@@ -403,6 +427,8 @@ bool TCEventIO::m_Get(TCEvent* event, TCEvent** syncOut, unsigned long timeout) 
     TCEvent* front = taken.front();
     if (front->sync) {
         *syncOut = front;  // the sender's own object: not ours to destroy
+    } else if (t_adoptQueuedCopy != nullptr) {
+        *t_adoptQueuedCopy = front;  // the loop's watch destroys it
     } else {
         TakeQueuedEvent(event, front);
         delete front;
@@ -419,14 +445,21 @@ unsigned TCEventIO::CountEvent() {
 // The loop's side
 
 gboolean TCEventIO::m_InterIOWatch(GIOChannel* channel, GIOCondition /*condition*/, gpointer data) {
-    TCEvent event;  // destroyed on every return
+    TCEvent* taken = nullptr;  // the queued copy of an asynchronous event
     TCEvent* syncEvent = nullptr;
     TCEventIO* pThis = static_cast<TCEventIO*>(data);
     QUELT_ASSERT(pThis != NULL);
 
     // One event per wake-up, so other sources of the loop interleave with a
     // long queue. Without the lock the byte stays and we come back.
-    if (!pThis->m_Get(&event, &syncEvent, kLoopLockWaitUs))
+    bool got;
+    {
+        AdoptQueuedCopy adopt(&taken);
+        got = pThis->m_Get(UnwrittenOutEvent(), &syncEvent, kLoopLockWaitUs);
+    }
+    // Destroyed on every return, like a local event.
+    std::unique_ptr<TCEvent> owned(taken);
+    if (!got)
         return TRUE;
 
     gchar byte = 0;
@@ -453,8 +486,13 @@ gboolean TCEventIO::m_InterIOWatch(GIOChannel* channel, GIOCondition /*condition
     QUELT_ASSERT(len > 0);
 
     if (syncEvent == nullptr) {
-        // A wake with nothing queued (its event was cleared away) ends here.
-        QUELT_ASSERT(event.receiver != NULL);
+        if (taken == nullptr) {
+            // A wake with nothing queued (its event was cleared away) ends
+            // here, on the empty event.
+            TCEvent event;
+            QUELT_ASSERT(event.receiver != NULL);
+        }
+        TCEvent& event = *taken;
         if (event.deleted) {
             QLOGI("deleted event");
         } else {
