@@ -22,27 +22,30 @@ inline bool IsInfinite(unsigned long timeout) {
     return static_cast<uint32_t>(static_cast<uint32_t>(timeout) + 1u) == 0u;
 }
 
-// A semaphore's GMutex is the first member of a block that also counts the
-// threads waiting on its condition, so that a give wakes only when someone
-// waits. The semaphore itself keeps its three fields; the count lives beside
-// the mutex it is guarded by.
-struct CountedMutex {
+// A semaphore's GMutex and GCond live in one block, which also counts the
+// threads waiting on the condition so that a give wakes only when someone
+// waits. The semaphore itself keeps its two pointers (into the block) and
+// its count; one allocation per semaphore instead of two, which a
+// synchronous send, making and freeing a pair of semaphores each time,
+// notices.
+struct SemaphoreBlock {
     GMutex mutex;  // first: the block's address is the mutex's
-    int waiters;   // threads inside a wait on the condition; under |mutex|
+    GCond cond;
+    int waiters;  // threads inside a wait on |cond|; under |mutex|
 };
-static_assert(std::is_standard_layout<CountedMutex>::value && offsetof(CountedMutex, mutex) == 0,
+static_assert(std::is_standard_layout<SemaphoreBlock>::value &&
+                  offsetof(SemaphoreBlock, mutex) == 0,
               "a semaphore's mutex pointer is also its block's");
 
-CountedMutex* BlockOf(GMutex* mutex) {
-    return reinterpret_cast<CountedMutex*>(mutex);
+SemaphoreBlock* BlockOf(GMutex* mutex) {
+    return reinterpret_cast<SemaphoreBlock*>(mutex);
 }
 
-GMutex* NewCountedMutex() {
-    CountedMutex* block = g_new0(CountedMutex, 1);
-    return block != nullptr ? &block->mutex : nullptr;
+SemaphoreBlock* NewSemaphoreBlock() {
+    return g_new0(SemaphoreBlock, 1);
 }
 
-void FreeCountedMutex(GMutex* mutex) {
+void FreeSemaphoreBlock(GMutex* mutex) {
     g_free(BlockOf(mutex));
 }
 
@@ -120,8 +123,9 @@ TCSemaphore::~TCSemaphore() {}
 
 bool TCSemaphore::Create(int initial) {
     SetCount(&m_Count, initial);
-    m_pEventMutex = NewCountedMutex();
-    m_pCond = g_new0(GCond, 1);
+    SemaphoreBlock* block = NewSemaphoreBlock();
+    m_pEventMutex = block != nullptr ? &block->mutex : nullptr;
+    m_pCond = block != nullptr ? &block->cond : nullptr;
     if (m_pEventMutex == nullptr || m_pCond == nullptr) {
         QLOGE("can't allocate memory");
     }
@@ -181,8 +185,8 @@ void TCSemaphore::Destroy() {
     QLOGE("");
     g_mutex_clear(m_pEventMutex);
     g_cond_clear(m_pCond);
-    FreeCountedMutex(m_pEventMutex);
-    g_free(m_pCond);
+    // The condition lives in the mutex's block.
+    FreeSemaphoreBlock(m_pEventMutex);
     m_pEventMutex = nullptr;
     m_pCond = nullptr;
 }
