@@ -9,6 +9,33 @@
 namespace Quelt {
 namespace detail {
 
+/* The fields of a "(suss)" or "(sussa(y))" payload, borrowed from it: the
+ * strings and bytes point into the payload and are valid while it lives.
+ * The view holds its own reference to the buffer's array. */
+struct PayloadView {
+    PayloadView() = default;
+    PayloadView(const PayloadView&) = delete;
+    PayloadView& operator=(const PayloadView&) = delete;
+    ~PayloadView();
+
+    bool known = false;  // one of the two shapes; otherwise nothing below is set
+    const gchar* from = nullptr;
+    guint32 code = 0;
+    const gchar* type = nullptr;
+    const gchar* text = nullptr;
+    // The buffer, when the payload has one: more than one byte, or one
+    // byte that is not 0. Null and 0 otherwise.
+    const guchar* bytes = nullptr;
+    unsigned int size = 0;
+    GVariant* array = nullptr;  // owned reference to the "a(y)" child, or null
+};
+
+/* Reads |msg| into |view| with the log lines of
+ * TCServerHelper::AnalyseServerMsg (the type string; "get data of %s" for a
+ * buffer). False only for a null |msg|; a payload of another shape leaves
+ * |view| unknown and answers true. */
+bool AnalyseServerMsg(GVariant* msg, PayloadView* view);
+
 /* Whether |payload| has one of the shapes a message, reply or signal may
  * arrive in: "(suss)", "(sussa(y))", or "(sussay)", the plain byte array
  * that stock tools (dbus-send, gdbus) send for a buffer. Any other shape

@@ -86,57 +86,26 @@ std::string TCServerHelper::GetObjectPath(std::string busName) {
 
 bool TCServerHelper::AnalyseServerMsg(GVariant* msg, char** from, unsigned int* code, char** type,
                                       char** message, unsigned char** buffer, unsigned int* size) {
-    if (msg == nullptr) {
-        QLOGW("%s is null", "msg");
+    detail::PayloadView view;
+    if (!detail::AnalyseServerMsg(msg, &view))
         return false;
-    }
-    const gchar* typeString = g_variant_get_type_string(msg);
-    QLOGI("%s", typeString);
-
-    const gchar* fromText = nullptr;
-    guint32 codeValue = 0;
-    const gchar* typeText = nullptr;
-    const gchar* messageText = nullptr;
-
-    if (std::strcmp(typeString, kPlainPayload) == 0) {
-        g_variant_get(msg, "(&su&s&s)", &fromText, &codeValue, &typeText, &messageText);
-        StoreText(from, fromText);
-        StoreText(type, typeText);
-        StoreText(message, messageText);
-        if (code != nullptr)
-            *code = codeValue;
-        return true;
-    }
-
-    if (std::strcmp(typeString, kBufferPayload) == 0) {
-        GVariant* array = nullptr;
-        g_variant_get(msg, "(&su&s&s@a*)", &fromText, &codeValue, &typeText, &messageText, &array);
-        // Each "(y)" element is one byte, so the array's data is the buffer.
-        const guchar* data = static_cast<const guchar*>(g_variant_get_data(array));
-        const gsize dataSize = g_variant_get_size(array);
-        QLOGI("get data of %s", typeString);
-        StoreText(from, fromText);
-        StoreText(type, typeText);
-        StoreText(message, messageText);
-        if (code != nullptr)
-            *code = codeValue;
-        // An empty array or the single byte 0 stands for "no buffer".
-        if (dataSize > 1 || (dataSize == 1 && data[0] != 0)) {
-            if (size != nullptr)
-                *size = static_cast<unsigned int>(dataSize);
-            if (buffer != nullptr) {
-                *buffer = new unsigned char[dataSize];
-                std::memcpy(*buffer, data, dataSize);
-            }
-        }
-        // The borrowed strings and data belong to |msg|; only the array
-        // reference taken above is ours.
-        g_variant_unref(array);
-        return true;
-    }
-
     // Another shape: nothing is written and the caller's preset values
     // stand.
+    if (!view.known)
+        return true;
+    StoreText(from, view.from);
+    StoreText(type, view.type);
+    StoreText(message, view.text);
+    if (code != nullptr)
+        *code = view.code;
+    if (view.size != 0) {
+        if (size != nullptr)
+            *size = view.size;
+        if (buffer != nullptr) {
+            *buffer = new unsigned char[view.size];
+            std::memcpy(*buffer, view.bytes, view.size);
+        }
+    }
     return true;
 }
 
@@ -169,6 +138,75 @@ std::string TCServer::m_GetDBusName(std::string name) {
 }
 
 namespace detail {
+
+PayloadView::~PayloadView() {
+    if (array != nullptr)
+        g_variant_unref(array);
+}
+
+namespace {
+
+// The string of child |index| of a tuple whose type is already known. The
+// text lives in |tuple| (in its serialised data, or in the child it holds),
+// so it stays valid after the child reference is dropped.
+const gchar* BorrowString(GVariant* tuple, gsize index) {
+    GVariant* child = g_variant_get_child_value(tuple, index);
+    const gchar* text = g_variant_get_string(child, nullptr);
+    g_variant_unref(child);
+    return text;
+}
+
+guint32 ReadUint32(GVariant* tuple, gsize index) {
+    GVariant* child = g_variant_get_child_value(tuple, index);
+    const guint32 value = g_variant_get_uint32(child);
+    g_variant_unref(child);
+    return value;
+}
+
+// The four leading fields, child by child: the payload's type string was
+// compared already, and reading the children directly skips the format
+// string that g_variant_get parses and checks on every call.
+void ReadHead(GVariant* msg, PayloadView* view) {
+    view->from = BorrowString(msg, 0);
+    view->code = ReadUint32(msg, 1);
+    view->type = BorrowString(msg, 2);
+    view->text = BorrowString(msg, 3);
+}
+
+}  // namespace
+
+// Named like the public helper, whose log lines it writes.
+bool AnalyseServerMsg(GVariant* msg, PayloadView* view) {
+    if (msg == nullptr) {
+        QLOGW("%s is null", "msg");
+        return false;
+    }
+    const gchar* typeString = g_variant_get_type_string(msg);
+    QLOGI("%s", typeString);
+
+    if (std::strcmp(typeString, kPlainPayload) == 0) {
+        ReadHead(msg, view);
+        view->known = true;
+        return true;
+    }
+
+    if (std::strcmp(typeString, kBufferPayload) == 0) {
+        ReadHead(msg, view);
+        view->array = g_variant_get_child_value(msg, 4);
+        // Each "(y)" element is one byte, so the array's data is the buffer.
+        const guchar* data = static_cast<const guchar*>(g_variant_get_data(view->array));
+        const gsize dataSize = g_variant_get_size(view->array);
+        QLOGI("get data of %s", typeString);
+        view->known = true;
+        // An empty array or the single byte 0 stands for "no buffer".
+        if (dataSize > 1 || (dataSize == 1 && data[0] != 0)) {
+            view->bytes = data;
+            view->size = static_cast<unsigned int>(dataSize);
+        }
+        return true;
+    }
+    return true;
+}
 
 bool IsMessagePayload(GVariant* payload) {
     if (payload == nullptr)
