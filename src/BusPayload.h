@@ -36,6 +36,12 @@ struct PayloadView {
  * |view| unknown and answers true. */
 bool AnalyseServerMsg(GVariant* msg, PayloadView* view);
 
+/* Fills |message| from |view| as TCServerHelper::SetTCMessage fills it
+ * from unpacked copies: the text (parsed), the code, the type and the
+ * buffer; missing texts and a zero size leave those members as they were.
+ * A null |message| only logs "null reply", as SetTCMessage does. */
+void FillMessage(TCMessage* message, const PayloadView& view);
+
 /* Whether |payload| has one of the shapes a message, reply or signal may
  * arrive in: "(suss)", "(sussa(y))", or "(sussay)", the plain byte array
  * that stock tools (dbus-send, gdbus) send for a buffer. Any other shape

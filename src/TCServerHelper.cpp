@@ -24,9 +24,10 @@ char* DuplicateText(const char* text) {
     return copy;
 }
 
-// Stores a copy of |text| through |out| unless the value is not wanted.
+// Stores a copy of |text| through |out| unless the value is not wanted or
+// there is no text.
 void StoreText(char** out, const char* text) {
-    if (out != nullptr)
+    if (out != nullptr && text != nullptr)
         *out = DuplicateText(text);
 }
 
@@ -235,21 +236,39 @@ GVariant* ToFrameworkPayload(GVariant* payload) {
     return g_variant_ref_sink(g_variant_new("(suss@a(y))", from, code, type, text, structures));
 }
 
+void FillMessage(TCMessage* message, const PayloadView& view) {
+    if (message == nullptr) {
+        // The helper writes the line for a missing target.
+        TCServerHelper::SetTCMessage(nullptr, nullptr, 0, nullptr, nullptr, 0);
+        return;
+    }
+    if (view.text != nullptr) {
+        // SetMessage's steps, with the text taken straight from the payload
+        // rather than through a std::string made only to be copied.
+        message->m_value = Json::Value();
+        message->m_message.assign(view.text);
+        message->Parse();
+    }
+    message->m_code = view.code;
+    if (view.type != nullptr)
+        message->m_type.assign(view.type);
+    // A zero size keeps whatever buffer the message already had.
+    if (view.size != 0)
+        message->SetBuffer(view.bytes, view.size);
+}
+
 void UnpackIntoMessage(GVariant* payload, char** from, TCMessage* message) {
-    // Outputs start empty: a payload of another shape writes nothing.
-    unsigned int code = 0;
-    char* type = nullptr;
-    char* text = nullptr;
-    unsigned char* buffer = nullptr;
-    unsigned int size = 0;
     GVariant* framework = ToFrameworkPayload(payload);
-    TCServerHelper::AnalyseServerMsg(framework, from, &code, &type, &text, &buffer, &size);
+    {
+        // Outputs start empty: a payload of another shape writes nothing
+        // but the code, 0.
+        PayloadView view;
+        AnalyseServerMsg(framework, &view);
+        StoreText(from, view.known ? view.from : nullptr);
+        FillMessage(message, view);
+    }
     if (framework != nullptr)
         g_variant_unref(framework);
-    TCServerHelper::SetTCMessage(message, text, code, type, buffer, size);
-    delete[] type;
-    delete[] text;
-    delete[] buffer;
 }
 
 }  // namespace detail

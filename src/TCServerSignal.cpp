@@ -362,26 +362,34 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
     }
     QLOGI("begin to analyze signal of %s", key.c_str());
 
-    char* from = nullptr;
-    TCMessage message;
-    detail::UnpackIntoMessage(parameters, &from, &message);
-    TCMessage reply;
+    // The payload holds the fields for the whole delivery: the message is
+    // filled from them and the sender's name is lent to the callback.
+    GVariant* framework = detail::ToFrameworkPayload(parameters);
+    {
+        detail::PayloadView fields;
+        detail::AnalyseServerMsg(framework, &fields);
+        const char* from = fields.from;
+        TCMessage message;
+        detail::FillMessage(&message, fields);
+        TCMessage reply;
 
-    // The message and the C record live only for the call.
-    if (nativeHandler != nullptr) {
-        QUELT_CALL_GUARDED("signal callback",
-                           [&] { nativeHandler(from, signalName, &message, nativeData); });
-    } else if (managedHandler != nullptr) {
-        QUELT_CALL_GUARDED("signal callback", [&] {
-            TCWrapperMessage wrapper(&message);
-            managedHandler(from, signalName, wrapper.GetMMessager(), managedData);
-        });
-    } else {
-        // Signals are never answered: the reply is dropped.
-        QUELT_CALL_GUARDED("IfMessageReceived",
-                           [&] { server->IfMessageReceived(from, &message, &reply, signalName); });
+        // The message and the C record live only for the call.
+        if (nativeHandler != nullptr) {
+            QUELT_CALL_GUARDED("signal callback",
+                               [&] { nativeHandler(from, signalName, &message, nativeData); });
+        } else if (managedHandler != nullptr) {
+            QUELT_CALL_GUARDED("signal callback", [&] {
+                TCWrapperMessage wrapper(&message);
+                managedHandler(from, signalName, wrapper.GetMMessager(), managedData);
+            });
+        } else {
+            // Signals are never answered: the reply is dropped.
+            QUELT_CALL_GUARDED("IfMessageReceived", [&] {
+                server->IfMessageReceived(from, &message, &reply, signalName);
+            });
+        }
     }
-    delete[] from;
+    g_variant_unref(framework);
 }
 
 }  // namespace Quelt
