@@ -7,6 +7,7 @@
 #include <memory>
 #include <sstream>
 
+#include "MessageText.h"
 #include "QueltLog.h"
 
 namespace Quelt {
@@ -70,6 +71,16 @@ unsigned char* DuplicateBytes(const unsigned char* bytes, unsigned int size) {
 }
 
 }  // namespace
+
+namespace detail {
+
+std::string CopiedText(const TCData& data) {
+    // The steps of the copy: the text, then Generate, which rewrites it
+    // from a tree that is not empty.
+    return data.m_value.empty() ? data.m_message : WriteCompact(data.m_value);
+}
+
+}  // namespace detail
 
 // ---------------------------------------------------------------------------
 // TCData

@@ -4,12 +4,14 @@
 // Received signals are decoded and handed to the subscription's callback,
 // native (TCMessage) or managed (the C record), or to IfMessageReceived.
 
+#include <memory>
 #include <string>
 
 #include "BusLimits.h"
 #include "BusPayload.h"
 #include "EndpointGuard.h"
 #include "Guarded.h"
+#include "MessageText.h"
 #include "QueltLog.h"
 #include "TCServer.h"
 #include "TCServerHelper.h"
@@ -64,19 +66,34 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
         return false;
     }
 
-    // The local copy owns the bytes the payload borrows until the emission
-    // has been serialised.
-    TCMessage local;
-    if (message != nullptr)
-        local = *message;
-    unsigned char* buffer = nullptr;
-    const unsigned int size = local.GetBuffer(buffer);
-    const std::string text = local.GetMessage();
+    // What a copy of the message would carry, read without making one: the
+    // text a copy regenerates from the tree, and the message's own bytes,
+    // which the payload borrows while the caller's message lives (the whole
+    // call). A null message is sent as an empty one.
+    static const std::string kNoType;
+    std::string text;
+    guint32 code = 0;
+    const std::string* type = &kNoType;
+    const unsigned char* buffer = nullptr;
+    unsigned int size = 0;
+    std::unique_ptr<unsigned char[]> zeros;
+    if (message != nullptr) {
+        text = detail::CopiedText(*message);
+        code = message->m_code;
+        type = &message->m_type;
+        size = message->m_size;
+        buffer = message->m_buffer;
+        // A size set without bytes: a copy holds that many zero bytes.
+        if (size != 0 && buffer == nullptr) {
+            zeros.reset(new unsigned char[size]());
+            buffer = zeros.get();
+        }
+    }
     // Emitted, a signal above the bus's limit would make the daemon drop
     // this process's connection.
     const bool withBuffer = buffer != nullptr && size != 0;
     if (!detail::FitsOnBus(detail::MessageWireSize({"", m_objectPath, m_busName, signalName},
-                                                   m_name, local.m_type, text, withBuffer, size),
+                                                   m_name, *type, text, withBuffer, size),
                            "signal")) {
         detail::EndSend(&m_sendCount);
         return false;
@@ -84,13 +101,12 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
 
     GVariant* payload = nullptr;
     if (buffer == nullptr || size == 0) {
-        payload = g_variant_new("(suss)", m_name.c_str(), local.m_code, local.m_type.c_str(),
-                                text.c_str());
+        payload = g_variant_new("(suss)", m_name.c_str(), code, type->c_str(), text.c_str());
     } else {
         GVariant* bytes =
             g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), buffer, size, TRUE, nullptr, nullptr);
-        payload = g_variant_new("(suss@a*)", m_name.c_str(), local.m_code, local.m_type.c_str(),
-                                text.c_str(), bytes);
+        payload =
+            g_variant_new("(suss@a*)", m_name.c_str(), code, type->c_str(), text.c_str(), bytes);
     }
 
     // Our own reference: GDBus takes its own when it accepts the payload,
