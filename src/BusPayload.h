@@ -42,6 +42,15 @@ bool AnalyseServerMsg(GVariant* msg, PayloadView* view);
  * A null |message| only logs "null reply", as SetTCMessage does. */
 void FillMessage(TCMessage* message, const PayloadView& view);
 
+/* A floating "(suss)" payload of (from, code, type, text), or, when
+ * |bytes| is not null and |size| not 0, "(sussa(y))" with the bytes as
+ * the last field: borrowed, not copied, so they must outlive the
+ * payload's serialisation. The value g_variant_new gives for the formats
+ * "(suss)" and "(suss@a*)", built from its fields, which skips the format
+ * string's parsing and checks. */
+GVariant* BuildPayload(const char* from, guint32 code, const char* type, const char* text,
+                       const unsigned char* bytes, unsigned int size);
+
 /* Whether |payload| has one of the shapes a message, reply or signal may
  * arrive in: "(suss)", "(sussa(y))", or "(sussay)", the plain byte array
  * that stock tools (dbus-send, gdbus) send for a buffer. Any other shape

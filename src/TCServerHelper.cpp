@@ -209,6 +209,31 @@ bool AnalyseServerMsg(GVariant* msg, PayloadView* view) {
     return true;
 }
 
+GVariant* BuildPayload(const char* from, guint32 code, const char* type, const char* text,
+                       const unsigned char* bytes, unsigned int size) {
+    const bool withBuffer = bytes != nullptr && size != 0;
+    GVariant* fields[5] = {g_variant_new_string(from), g_variant_new_uint32(code),
+                           g_variant_new_string(type), g_variant_new_string(text), nullptr};
+    if (fields[0] == nullptr || fields[2] == nullptr || fields[3] == nullptr) {
+        // A text GVariant refuses (not UTF-8): the format string's path,
+        // which reports it its own way, makes the value as it always has.
+        for (GVariant* field : fields) {
+            if (field != nullptr)
+                g_variant_unref(g_variant_ref_sink(field));
+        }
+        if (!withBuffer)
+            return g_variant_new("(suss)", from, code, type, text);
+        return g_variant_new(
+            "(suss@a*)", from, code, type, text,
+            g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), bytes, size, TRUE, nullptr, nullptr));
+    }
+    if (!withBuffer)
+        return g_variant_new_tuple(fields, 4);
+    fields[4] =
+        g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), bytes, size, TRUE, nullptr, nullptr);
+    return g_variant_new_tuple(fields, 5);
+}
+
 bool IsMessagePayload(GVariant* payload) {
     if (payload == nullptr)
         return false;

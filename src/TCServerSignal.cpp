@@ -99,15 +99,8 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
         return false;
     }
 
-    GVariant* payload = nullptr;
-    if (buffer == nullptr || size == 0) {
-        payload = g_variant_new("(suss)", m_name.c_str(), code, type->c_str(), text.c_str());
-    } else {
-        GVariant* bytes =
-            g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), buffer, size, TRUE, nullptr, nullptr);
-        payload =
-            g_variant_new("(suss@a*)", m_name.c_str(), code, type->c_str(), text.c_str(), bytes);
-    }
+    GVariant* payload = detail::BuildPayload(m_name.c_str(), code, type->c_str(), text.c_str(),
+                                             withBuffer ? buffer : nullptr, size);
 
     // Our own reference: GDBus takes its own when it accepts the payload,
     // and an emission it refuses outright (a proxy has no object path) must
