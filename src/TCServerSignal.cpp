@@ -4,6 +4,7 @@
 // Received signals are decoded and handed to the subscription's callback,
 // native (TCMessage) or managed (the C record), or to IfMessageReceived.
 
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -347,7 +348,12 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
     }
     QLOGI("sender(%s) object(%s) interface(%s) signal(%s)", OrNull(senderName), OrNull(objectPath),
           interfaceName, signalName);
-    const std::string key = std::string(interfaceName) + "." + signalName;
+    // One allocation for the key: interface, ".", member.
+    const size_t interfaceLength = std::strlen(interfaceName);
+    const size_t signalLength = std::strlen(signalName);
+    std::string key;
+    key.reserve(interfaceLength + 1 + signalLength);
+    key.append(interfaceName, interfaceLength).append(1, '.').append(signalName, signalLength);
 
     // Native wins over managed; within a kind the qualified key wins over
     // the plain signal name.
@@ -380,7 +386,6 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
         const char* from = fields.from;
         TCMessage message;
         detail::FillMessage(&message, fields);
-        TCMessage reply;
 
         // The message and the C record live only for the call.
         if (nativeHandler != nullptr) {
@@ -393,6 +398,7 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
             });
         } else {
             // Signals are never answered: the reply is dropped.
+            TCMessage reply;
             QUELT_CALL_GUARDED("IfMessageReceived", [&] {
                 server->IfMessageReceived(from, &message, &reply, signalName);
             });
