@@ -7,6 +7,7 @@
 #include "dlog.h"
 #include "dlog-host.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -50,18 +51,15 @@ FormatBuffer::~FormatBuffer() {
     t_bufferGone = true;
 }
 
-// True when |fmt| holds no conversions but "%s", "%d", "%u" and "%%" (no
-// flags, widths, precisions or lengths): the framework's own lines.
-bool IsPlainFormat(const char* fmt) {
-    for (const char* p = std::strchr(fmt, '%'); p != nullptr; p = std::strchr(p + 1, '%')) {
-        ++p;
-        if (*p != 's' && *p != 'd' && *p != 'u' && *p != '%')
-            return false;
-    }
-    return true;
+// Room for |more| bytes after the first |used| of |buffer|, whose whole
+// size is working space.
+char* Reserve(std::string& buffer, size_t used, size_t more) {
+    if (used + more > buffer.size())
+        buffer.resize(std::max(buffer.size() * 2, used + more));
+    return &buffer[used];
 }
 
-void AppendDecimal(std::string& out, unsigned long long value, bool negative) {
+size_t PutDecimal(std::string& buffer, size_t used, unsigned long long value, bool negative) {
     char digits[24];
     char* end = digits + sizeof(digits);
     char* p = end;
@@ -71,50 +69,75 @@ void AppendDecimal(std::string& out, unsigned long long value, bool negative) {
     } while (value != 0);
     if (negative)
         *--p = '-';
-    out.append(p, static_cast<size_t>(end - p));
+    const size_t length = static_cast<size_t>(end - p);
+    std::memcpy(Reserve(buffer, used, length), p, length);
+    return used + length;
 }
 
-// Puts together a line of a plain format (see IsPlainFormat): the bytes
-// vsnprintf writes, null strings included ("(null)"), without its generic
-// machinery, which costs a few thousand instructions per line.
-Line FormatPlain(std::string& buffer, const char* fmt, va_list args) {
-    buffer.clear();  // keeps the capacity
+// Puts together a line whose format holds no conversions but "%s", "%d",
+// "%u" and "%%" (no flags, widths, precisions or lengths: the framework's
+// own lines), with the bytes vsnprintf writes, a null string as "(null)".
+// vsnprintf's generic machinery costs a few thousand instructions per line.
+// Returns false at the first other conversion; |args| is never read.
+bool FormatPlain(std::string& buffer, const char* fmt, va_list args, Line* line) {
+    va_list values;
+    va_copy(values, args);
+    size_t used = 0;
     const char* p = fmt;
-    for (const char* percent = std::strchr(p, '%'); percent != nullptr;
-         percent = std::strchr(p, '%')) {
-        buffer.append(p, static_cast<size_t>(percent - p));
-        switch (percent[1]) {
+    for (;;) {
+        const char* percent = std::strchr(p, '%');
+        const size_t run = percent != nullptr ? static_cast<size_t>(percent - p) : std::strlen(p);
+        std::memcpy(Reserve(buffer, used, run), p, run);
+        used += run;
+        if (percent == nullptr)
+            break;
+        p = percent;
+        switch (p[1]) {
             case 's': {
-                const char* text = va_arg(args, const char*);
-                buffer.append(text != nullptr ? text : "(null)");
+                const char* text = va_arg(values, const char*);
+                if (text == nullptr)
+                    text = "(null)";
+                const size_t length = std::strlen(text);
+                std::memcpy(Reserve(buffer, used, length), text, length);
+                used += length;
                 break;
             }
             case 'd': {
-                const int value = va_arg(args, int);
-                const long long wide = value;
-                AppendDecimal(buffer, static_cast<unsigned long long>(wide < 0 ? -wide : wide),
-                              wide < 0);
+                const long long value = va_arg(values, int);
+                used = PutDecimal(buffer, used,
+                                  static_cast<unsigned long long>(value < 0 ? -value : value),
+                                  value < 0);
                 break;
             }
             case 'u':
-                AppendDecimal(buffer, va_arg(args, unsigned int), false);
+                used = PutDecimal(buffer, used, va_arg(values, unsigned int), false);
                 break;
-            default:  // '%'
-                buffer += '%';
+            case '%':
+                *Reserve(buffer, used, 1) = '%';
+                ++used;
                 break;
+            default:
+                // Not one of ours (a flag, width, precision, length or
+                // another conversion): the values read so far came from a
+                // copy, so vsnprintf gets them all.
+                va_end(values);
+                return false;
         }
-        p = percent + 2;
+        p += 2;
     }
-    buffer.append(p);
-    return {buffer.data(), buffer.size()};
+    va_end(values);
+    // The terminator: buffer[size()] is the string's own.
+    buffer[used] = '\0';
+    *line = {buffer.data(), used};
+    return true;
 }
 
-// Formats into |buffer|. The line stays valid until |buffer| changes.
+// Formats into |buffer|, whose whole size is working space. The line stays
+// valid until |buffer| changes.
 Line FormatInto(std::string& buffer, const char* fmt, va_list args) {
-    if (IsPlainFormat(fmt))
-        return FormatPlain(buffer, fmt, args);
-    // The whole capacity is room for the line.
-    buffer.resize(buffer.capacity());
+    Line line{"", 0};
+    if (FormatPlain(buffer, fmt, args, &line))
+        return line;
     va_list copy;
     va_copy(copy, args);
     int needed = std::vsnprintf(&buffer[0], buffer.size() + 1, fmt, copy);

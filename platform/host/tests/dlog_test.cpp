@@ -320,6 +320,8 @@ TEST(HostDlog, LinesAreTheBytesVsnprintfWrites) {
     HARVO_CHECK_LINE("%5d|%-4s|%.2s|%x|%lu|%zu|%c", 42, "ab", "xyz", 255u, 9ul, size_t{3}, 'q');
     HARVO_CHECK_LINE("%p", static_cast<void*>(nullptr));
     HARVO_CHECK_LINE("%s after a wide one: %d", "short", 1);
+    // Plain conversions before one that is not: the whole line is vsnprintf's.
+    HARVO_CHECK_LINE("%s and %d, then %lu and %s", "first", -3, 12345678901ul, nothing);
 #undef HARVO_CHECK_LINE
     std::vector<Captured> lines = recorder.Lines();
     ASSERT_EQ(expected.size(), lines.size());
