@@ -294,7 +294,10 @@ std::string Reference(const char* fmt, ...) {
 }  // namespace
 
 TEST(HostDlog, LinesAreTheBytesVsnprintfWrites) {
-    const char* nothing = nullptr;
+    // Read through a volatile so that the compiler, which warns about a
+    // null %s argument it can see, does not see this one.
+    static const char* volatile kNothing = nullptr;
+    const char* nothing = kNothing;
     const std::string large(3000, 'z');
     SinkRecorder recorder;
     std::vector<std::string> expected;
