@@ -76,11 +76,12 @@ void AppendInteger(unsigned long long magnitude, bool negative, std::string& out
 const int kPlainDepthLimit = 64;
 
 // Appends the compact text of |value| as the compact writer makes it, for
-// trees of objects, arrays, integers, booleans, nulls and strings that need
+// trees of objects, arrays, numbers, booleans, nulls and strings that need
 // no escape: members in the tree's (byte-wise) key order, no blanks, a
-// missing array element as null. Anything else (a floating-point number, a
-// string or key to escape, a very deep tree) returns false, and |out| is
-// then to be discarded: the writer makes that text itself.
+// missing array element as null, floating-point numbers in JsonCpp's own
+// text for them. Anything else (a string or key to escape, a very deep
+// tree) returns false, and |out| is then to be discarded: the writer makes
+// that text itself.
 bool AppendPlain(const Json::Value& value, std::string& out, int depth) {
     switch (value.type()) {
         case Json::nullValue:
@@ -139,7 +140,11 @@ bool AppendPlain(const Json::Value& value, std::string& out, int depth) {
             out += '}';
             return true;
         }
-        default:  // realValue: the writer's number format
+        case Json::realValue:
+            // The writer's own number text, at its default precision.
+            out += Json::valueToString(value.asDouble());
+            return true;
+        default:
             return false;
     }
 }
