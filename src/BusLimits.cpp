@@ -16,12 +16,12 @@ size_t Align(size_t offset, size_t alignment) {
 }
 
 // A string at |offset|: length (4, aligned to 4), bytes, terminating zero.
-size_t AfterString(size_t offset, const std::string& text) {
+size_t AfterString(size_t offset, std::string_view text) {
     return Align(offset, 4) + 4 + text.size() + 1;
 }
 
 // One header field: code byte, one-character signature (3 bytes), value.
-size_t AfterHeaderField(size_t offset, const std::string& value) {
+size_t AfterHeaderField(size_t offset, std::string_view value) {
     if (value.empty())
         return offset;
     return AfterString(Align(offset, 8) + 4, value);
@@ -33,8 +33,8 @@ const size_t kDaemonFieldsBytes = 128;
 
 }  // namespace
 
-size_t MessageWireSize(const WireHeader& header, const std::string& from, const std::string& type,
-                       const std::string& text, bool withBuffer, size_t bufferSize) {
+size_t MessageWireSize(const WireHeader& header, std::string_view from, std::string_view type,
+                       std::string_view text, bool withBuffer, size_t bufferSize) {
     // Fixed part: endianness, type, flags, version, body length, serial,
     // then the length of the field array.
     size_t size = 16;

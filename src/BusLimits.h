@@ -7,7 +7,7 @@
 #define HARVO_FW_SRC_BUSLIMITS_H
 
 #include <cstddef>
-#include <string>
+#include <string_view>
 
 namespace Quelt {
 namespace detail {
@@ -21,20 +21,21 @@ constexpr size_t kBusMessageLimit = 32u * 1024u * 1024u;
  * heap behind (see ReleaseHeapAfter). */
 constexpr size_t kLargeBufferBytes = 64u * 1024u;
 
-/* The names a message carries in its header. */
+/* The names a message carries in its header, borrowed from the caller for
+ * the computation. */
 struct WireHeader {
-    std::string destination;  // empty for a signal or a reply
-    std::string path;         // empty for a reply
-    std::string interfaceName;
-    std::string member;
+    std::string_view destination;  // empty for a signal or a reply
+    std::string_view path;         // empty for a reply
+    std::string_view interfaceName;
+    std::string_view member;
 };
 
 /* An upper bound of the marshalled size of a message whose body is
  * (from, code, type, text) followed, when |withBuffer|, by |bufferSize|
  * bytes as an array of one-byte structures (8 bytes each on the wire). The
  * header allows for the fields the daemon adds (sender, serials). */
-size_t MessageWireSize(const WireHeader& header, const std::string& from, const std::string& type,
-                       const std::string& text, bool withBuffer, size_t bufferSize);
+size_t MessageWireSize(const WireHeader& header, std::string_view from, std::string_view type,
+                       std::string_view text, bool withBuffer, size_t bufferSize);
 
 /* True when a message of |wireSize| bytes passes the bus; otherwise logs
  * one error line naming |what| and both sizes. */

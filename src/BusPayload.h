@@ -9,6 +9,48 @@
 namespace Quelt {
 namespace detail {
 
+/* The fields of a "(suss)" or "(sussa(y))" payload, borrowed from it: the
+ * strings and bytes point into the payload and are valid while it lives.
+ * The view holds its own reference to the buffer's array. */
+struct PayloadView {
+    PayloadView() = default;
+    PayloadView(const PayloadView&) = delete;
+    PayloadView& operator=(const PayloadView&) = delete;
+    ~PayloadView();
+
+    bool known = false;  // one of the two shapes; otherwise nothing below is set
+    const gchar* from = nullptr;
+    guint32 code = 0;
+    const gchar* type = nullptr;
+    const gchar* text = nullptr;
+    // The buffer, when the payload has one: more than one byte, or one
+    // byte that is not 0. Null and 0 otherwise.
+    const guchar* bytes = nullptr;
+    unsigned int size = 0;
+    GVariant* array = nullptr;  // owned reference to the "a(y)" child, or null
+};
+
+/* Reads |msg| into |view| with the log lines of
+ * TCServerHelper::AnalyseServerMsg (the type string; "get data of %s" for a
+ * buffer). False only for a null |msg|; a payload of another shape leaves
+ * |view| unknown and answers true. */
+bool AnalyseServerMsg(GVariant* msg, PayloadView* view);
+
+/* Fills |message| from |view| as TCServerHelper::SetTCMessage fills it
+ * from unpacked copies: the text (parsed), the code, the type and the
+ * buffer; missing texts and a zero size leave those members as they were.
+ * A null |message| only logs "null reply", as SetTCMessage does. */
+void FillMessage(TCMessage* message, const PayloadView& view);
+
+/* A floating "(suss)" payload of (from, code, type, text), or, when
+ * |bytes| is not null and |size| not 0, "(sussa(y))" with the bytes as
+ * the last field: borrowed, not copied, so they must outlive the
+ * payload's serialisation. The value g_variant_new gives for the formats
+ * "(suss)" and "(suss@a*)", built from its fields, which skips the format
+ * string's parsing and checks. */
+GVariant* BuildPayload(const char* from, guint32 code, const char* type, const char* text,
+                       const unsigned char* bytes, unsigned int size);
+
 /* Whether |payload| has one of the shapes a message, reply or signal may
  * arrive in: "(suss)", "(sussa(y))", or "(sussay)", the plain byte array
  * that stock tools (dbus-send, gdbus) send for a buffer. Any other shape

@@ -7,6 +7,7 @@
 #include <memory>
 #include <sstream>
 
+#include "MessageText.h"
 #include "QueltLog.h"
 
 namespace Quelt {
@@ -37,7 +38,125 @@ Json::CharReader& ThreadReader() {
     return *parsing.reader;
 }
 
+// Bytes that every JSON writer puts between quotes as they are: printable
+// ASCII other than the quote and the backslash. The writer escapes the
+// rest (control characters, and non-ASCII as \u sequences).
+bool IsVerbatim(const char* begin, const char* end) {
+    for (const char* p = begin; p != end; ++p) {
+        const unsigned char c = static_cast<unsigned char>(*p);
+        if (c < 0x20 || c > 0x7E || c == '"' || c == '\\')
+            return false;
+    }
+    return true;
+}
+
+bool AppendQuoted(const char* begin, const char* end, std::string& out) {
+    if (!IsVerbatim(begin, end))
+        return false;
+    out += '"';
+    out.append(begin, static_cast<size_t>(end - begin));
+    out += '"';
+    return true;
+}
+
+void AppendInteger(unsigned long long magnitude, bool negative, std::string& out) {
+    char digits[24];
+    char* end = digits + sizeof(digits);
+    char* p = end;
+    do {
+        *--p = static_cast<char>('0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    if (negative)
+        *--p = '-';
+    out.append(p, static_cast<size_t>(end - p));
+}
+
+// Deeper trees go to the writer, which has no limit of its own.
+const int kPlainDepthLimit = 64;
+
+// Appends the compact text of |value| as the compact writer makes it, for
+// trees of objects, arrays, numbers, booleans, nulls and strings that need
+// no escape: members in the tree's (byte-wise) key order, no blanks, a
+// missing array element as null, floating-point numbers in JsonCpp's own
+// text for them. Anything else (a string or key to escape, a very deep
+// tree) returns false, and |out| is then to be discarded: the writer makes
+// that text itself.
+bool AppendPlain(const Json::Value& value, std::string& out, int depth) {
+    switch (value.type()) {
+        case Json::nullValue:
+            out += "null";
+            return true;
+        case Json::booleanValue:
+            out += value.asBool() ? "true" : "false";
+            return true;
+        case Json::intValue: {
+            const Json::LargestInt number = value.asLargestInt();
+            const unsigned long long magnitude =
+                number < 0 ? 0ull - static_cast<unsigned long long>(number)
+                           : static_cast<unsigned long long>(number);
+            AppendInteger(magnitude, number < 0, out);
+            return true;
+        }
+        case Json::uintValue:
+            AppendInteger(value.asLargestUInt(), false, out);
+            return true;
+        case Json::stringValue: {
+            const char* begin = nullptr;
+            const char* end = nullptr;
+            return value.getString(&begin, &end) && AppendQuoted(begin, end, out);
+        }
+        case Json::arrayValue: {
+            if (depth >= kPlainDepthLimit)
+                return false;
+            out += '[';
+            const Json::ArrayIndex size = value.size();
+            for (Json::ArrayIndex i = 0; i < size; ++i) {
+                if (i != 0)
+                    out += ',';
+                if (!AppendPlain(value[i], out, depth + 1))
+                    return false;
+            }
+            out += ']';
+            return true;
+        }
+        case Json::objectValue: {
+            if (depth >= kPlainDepthLimit)
+                return false;
+            out += '{';
+            bool first = true;
+            for (auto it = value.begin(); it != value.end(); ++it) {
+                if (!first)
+                    out += ',';
+                first = false;
+                const char* keyEnd = nullptr;
+                const char* key = it.memberName(&keyEnd);
+                if (!AppendQuoted(key, keyEnd, out))
+                    return false;
+                out += ':';
+                if (!AppendPlain(*it, out, depth + 1))
+                    return false;
+            }
+            out += '}';
+            return true;
+        }
+        case Json::realValue:
+            // The writer's own number text, at its default precision.
+            out += Json::valueToString(value.asDouble());
+            return true;
+        default:
+            return false;
+    }
+}
+
 std::string WriteCompact(const Json::Value& value) {
+    // Most bodies are plain: their text is put together directly, without
+    // the writer's stream.
+    {
+        std::string text;
+        if (AppendPlain(value, text, 0))
+            return text;
+    }
     struct CompactWriter {
         CompactWriter() {
             Json::StreamWriterBuilder builder;
@@ -70,6 +189,16 @@ unsigned char* DuplicateBytes(const unsigned char* bytes, unsigned int size) {
 }
 
 }  // namespace
+
+namespace detail {
+
+std::string CopiedText(const TCData& data) {
+    // The steps of the copy: the text, then Generate, which rewrites it
+    // from a tree that is not empty.
+    return data.m_value.empty() ? data.m_message : WriteCompact(data.m_value);
+}
+
+}  // namespace detail
 
 // ---------------------------------------------------------------------------
 // TCData

@@ -24,9 +24,10 @@ char* DuplicateText(const char* text) {
     return copy;
 }
 
-// Stores a copy of |text| through |out| unless the value is not wanted.
+// Stores a copy of |text| through |out| unless the value is not wanted or
+// there is no text.
 void StoreText(char** out, const char* text) {
-    if (out != nullptr)
+    if (out != nullptr && text != nullptr)
         *out = DuplicateText(text);
 }
 
@@ -86,57 +87,26 @@ std::string TCServerHelper::GetObjectPath(std::string busName) {
 
 bool TCServerHelper::AnalyseServerMsg(GVariant* msg, char** from, unsigned int* code, char** type,
                                       char** message, unsigned char** buffer, unsigned int* size) {
-    if (msg == nullptr) {
-        QLOGW("%s is null", "msg");
+    detail::PayloadView view;
+    if (!detail::AnalyseServerMsg(msg, &view))
         return false;
-    }
-    const gchar* typeString = g_variant_get_type_string(msg);
-    QLOGI("%s", typeString);
-
-    const gchar* fromText = nullptr;
-    guint32 codeValue = 0;
-    const gchar* typeText = nullptr;
-    const gchar* messageText = nullptr;
-
-    if (std::strcmp(typeString, kPlainPayload) == 0) {
-        g_variant_get(msg, "(&su&s&s)", &fromText, &codeValue, &typeText, &messageText);
-        StoreText(from, fromText);
-        StoreText(type, typeText);
-        StoreText(message, messageText);
-        if (code != nullptr)
-            *code = codeValue;
-        return true;
-    }
-
-    if (std::strcmp(typeString, kBufferPayload) == 0) {
-        GVariant* array = nullptr;
-        g_variant_get(msg, "(&su&s&s@a*)", &fromText, &codeValue, &typeText, &messageText, &array);
-        // Each "(y)" element is one byte, so the array's data is the buffer.
-        const guchar* data = static_cast<const guchar*>(g_variant_get_data(array));
-        const gsize dataSize = g_variant_get_size(array);
-        QLOGI("get data of %s", typeString);
-        StoreText(from, fromText);
-        StoreText(type, typeText);
-        StoreText(message, messageText);
-        if (code != nullptr)
-            *code = codeValue;
-        // An empty array or the single byte 0 stands for "no buffer".
-        if (dataSize > 1 || (dataSize == 1 && data[0] != 0)) {
-            if (size != nullptr)
-                *size = static_cast<unsigned int>(dataSize);
-            if (buffer != nullptr) {
-                *buffer = new unsigned char[dataSize];
-                std::memcpy(*buffer, data, dataSize);
-            }
-        }
-        // The borrowed strings and data belong to |msg|; only the array
-        // reference taken above is ours.
-        g_variant_unref(array);
-        return true;
-    }
-
     // Another shape: nothing is written and the caller's preset values
     // stand.
+    if (!view.known)
+        return true;
+    StoreText(from, view.from);
+    StoreText(type, view.type);
+    StoreText(message, view.text);
+    if (code != nullptr)
+        *code = view.code;
+    if (view.size != 0) {
+        if (size != nullptr)
+            *size = view.size;
+        if (buffer != nullptr) {
+            *buffer = new unsigned char[view.size];
+            std::memcpy(*buffer, view.bytes, view.size);
+        }
+    }
     return true;
 }
 
@@ -170,6 +140,100 @@ std::string TCServer::m_GetDBusName(std::string name) {
 
 namespace detail {
 
+PayloadView::~PayloadView() {
+    if (array != nullptr)
+        g_variant_unref(array);
+}
+
+namespace {
+
+// The string of child |index| of a tuple whose type is already known. The
+// text lives in |tuple| (in its serialised data, or in the child it holds),
+// so it stays valid after the child reference is dropped.
+const gchar* BorrowString(GVariant* tuple, gsize index) {
+    GVariant* child = g_variant_get_child_value(tuple, index);
+    const gchar* text = g_variant_get_string(child, nullptr);
+    g_variant_unref(child);
+    return text;
+}
+
+guint32 ReadUint32(GVariant* tuple, gsize index) {
+    GVariant* child = g_variant_get_child_value(tuple, index);
+    const guint32 value = g_variant_get_uint32(child);
+    g_variant_unref(child);
+    return value;
+}
+
+// The four leading fields, child by child: the payload's type string was
+// compared already, and reading the children directly skips the format
+// string that g_variant_get parses and checks on every call.
+void ReadHead(GVariant* msg, PayloadView* view) {
+    view->from = BorrowString(msg, 0);
+    view->code = ReadUint32(msg, 1);
+    view->type = BorrowString(msg, 2);
+    view->text = BorrowString(msg, 3);
+}
+
+}  // namespace
+
+// Named like the public helper, whose log lines it writes.
+bool AnalyseServerMsg(GVariant* msg, PayloadView* view) {
+    if (msg == nullptr) {
+        QLOGW("%s is null", "msg");
+        return false;
+    }
+    const gchar* typeString = g_variant_get_type_string(msg);
+    QLOGI("%s", typeString);
+
+    if (std::strcmp(typeString, kPlainPayload) == 0) {
+        ReadHead(msg, view);
+        view->known = true;
+        return true;
+    }
+
+    if (std::strcmp(typeString, kBufferPayload) == 0) {
+        ReadHead(msg, view);
+        view->array = g_variant_get_child_value(msg, 4);
+        // Each "(y)" element is one byte, so the array's data is the buffer.
+        const guchar* data = static_cast<const guchar*>(g_variant_get_data(view->array));
+        const gsize dataSize = g_variant_get_size(view->array);
+        QLOGI("get data of %s", typeString);
+        view->known = true;
+        // An empty array or the single byte 0 stands for "no buffer".
+        if (dataSize > 1 || (dataSize == 1 && data[0] != 0)) {
+            view->bytes = data;
+            view->size = static_cast<unsigned int>(dataSize);
+        }
+        return true;
+    }
+    return true;
+}
+
+GVariant* BuildPayload(const char* from, guint32 code, const char* type, const char* text,
+                       const unsigned char* bytes, unsigned int size) {
+    const bool withBuffer = bytes != nullptr && size != 0;
+    GVariant* fields[5] = {g_variant_new_string(from), g_variant_new_uint32(code),
+                           g_variant_new_string(type), g_variant_new_string(text), nullptr};
+    if (fields[0] == nullptr || fields[2] == nullptr || fields[3] == nullptr) {
+        // A text GVariant refuses (not UTF-8): the format string's path,
+        // which reports it its own way, makes the value as it always has.
+        for (GVariant* field : fields) {
+            if (field != nullptr)
+                g_variant_unref(g_variant_ref_sink(field));
+        }
+        if (!withBuffer)
+            return g_variant_new("(suss)", from, code, type, text);
+        return g_variant_new(
+            "(suss@a*)", from, code, type, text,
+            g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), bytes, size, TRUE, nullptr, nullptr));
+    }
+    if (!withBuffer)
+        return g_variant_new_tuple(fields, 4);
+    fields[4] =
+        g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), bytes, size, TRUE, nullptr, nullptr);
+    return g_variant_new_tuple(fields, 5);
+}
+
 bool IsMessagePayload(GVariant* payload) {
     if (payload == nullptr)
         return false;
@@ -197,21 +261,39 @@ GVariant* ToFrameworkPayload(GVariant* payload) {
     return g_variant_ref_sink(g_variant_new("(suss@a(y))", from, code, type, text, structures));
 }
 
+void FillMessage(TCMessage* message, const PayloadView& view) {
+    if (message == nullptr) {
+        // The helper writes the line for a missing target.
+        TCServerHelper::SetTCMessage(nullptr, nullptr, 0, nullptr, nullptr, 0);
+        return;
+    }
+    if (view.text != nullptr) {
+        // SetMessage's steps, with the text taken straight from the payload
+        // rather than through a std::string made only to be copied.
+        message->m_value = Json::Value();
+        message->m_message.assign(view.text);
+        message->Parse();
+    }
+    message->m_code = view.code;
+    if (view.type != nullptr)
+        message->m_type.assign(view.type);
+    // A zero size keeps whatever buffer the message already had.
+    if (view.size != 0)
+        message->SetBuffer(view.bytes, view.size);
+}
+
 void UnpackIntoMessage(GVariant* payload, char** from, TCMessage* message) {
-    // Outputs start empty: a payload of another shape writes nothing.
-    unsigned int code = 0;
-    char* type = nullptr;
-    char* text = nullptr;
-    unsigned char* buffer = nullptr;
-    unsigned int size = 0;
     GVariant* framework = ToFrameworkPayload(payload);
-    TCServerHelper::AnalyseServerMsg(framework, from, &code, &type, &text, &buffer, &size);
+    {
+        // Outputs start empty: a payload of another shape writes nothing
+        // but the code, 0.
+        PayloadView view;
+        AnalyseServerMsg(framework, &view);
+        StoreText(from, view.known ? view.from : nullptr);
+        FillMessage(message, view);
+    }
     if (framework != nullptr)
         g_variant_unref(framework);
-    TCServerHelper::SetTCMessage(message, text, code, type, buffer, size);
-    delete[] type;
-    delete[] text;
-    delete[] buffer;
 }
 
 }  // namespace detail

@@ -4,12 +4,15 @@
 // Received signals are decoded and handed to the subscription's callback,
 // native (TCMessage) or managed (the C record), or to IfMessageReceived.
 
+#include <cstring>
+#include <memory>
 #include <string>
 
 #include "BusLimits.h"
 #include "BusPayload.h"
 #include "EndpointGuard.h"
 #include "Guarded.h"
+#include "MessageText.h"
 #include "QueltLog.h"
 #include "TCServer.h"
 #include "TCServerHelper.h"
@@ -64,34 +67,41 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
         return false;
     }
 
-    // The local copy owns the bytes the payload borrows until the emission
-    // has been serialised.
-    TCMessage local;
-    if (message != nullptr)
-        local = *message;
-    unsigned char* buffer = nullptr;
-    const unsigned int size = local.GetBuffer(buffer);
-    const std::string text = local.GetMessage();
+    // What a copy of the message would carry, read without making one: the
+    // text a copy regenerates from the tree, and the message's own bytes,
+    // which the payload borrows while the caller's message lives (the whole
+    // call). A null message is sent as an empty one.
+    static const std::string kNoType;
+    std::string text;
+    guint32 code = 0;
+    const std::string* type = &kNoType;
+    const unsigned char* buffer = nullptr;
+    unsigned int size = 0;
+    std::unique_ptr<unsigned char[]> zeros;
+    if (message != nullptr) {
+        text = detail::CopiedText(*message);
+        code = message->m_code;
+        type = &message->m_type;
+        size = message->m_size;
+        buffer = message->m_buffer;
+        // A size set without bytes: a copy holds that many zero bytes.
+        if (size != 0 && buffer == nullptr) {
+            zeros.reset(new unsigned char[size]());
+            buffer = zeros.get();
+        }
+    }
     // Emitted, a signal above the bus's limit would make the daemon drop
     // this process's connection.
     const bool withBuffer = buffer != nullptr && size != 0;
     if (!detail::FitsOnBus(detail::MessageWireSize({"", m_objectPath, m_busName, signalName},
-                                                   m_name, local.m_type, text, withBuffer, size),
+                                                   m_name, *type, text, withBuffer, size),
                            "signal")) {
         detail::EndSend(&m_sendCount);
         return false;
     }
 
-    GVariant* payload = nullptr;
-    if (buffer == nullptr || size == 0) {
-        payload = g_variant_new("(suss)", m_name.c_str(), local.m_code, local.m_type.c_str(),
-                                text.c_str());
-    } else {
-        GVariant* bytes =
-            g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), buffer, size, TRUE, nullptr, nullptr);
-        payload = g_variant_new("(suss@a*)", m_name.c_str(), local.m_code, local.m_type.c_str(),
-                                text.c_str(), bytes);
-    }
+    GVariant* payload = detail::BuildPayload(m_name.c_str(), code, type->c_str(), text.c_str(),
+                                             withBuffer ? buffer : nullptr, size);
 
     // Our own reference: GDBus takes its own when it accepts the payload,
     // and an emission it refuses outright (a proxy has no object path) must
@@ -338,7 +348,12 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
     }
     QLOGI("sender(%s) object(%s) interface(%s) signal(%s)", OrNull(senderName), OrNull(objectPath),
           interfaceName, signalName);
-    const std::string key = std::string(interfaceName) + "." + signalName;
+    // One allocation for the key: interface, ".", member.
+    const size_t interfaceLength = std::strlen(interfaceName);
+    const size_t signalLength = std::strlen(signalName);
+    std::string key;
+    key.reserve(interfaceLength + 1 + signalLength);
+    key.append(interfaceName, interfaceLength).append(1, '.').append(signalName, signalLength);
 
     // Native wins over managed; within a kind the qualified key wins over
     // the plain signal name.
@@ -362,26 +377,34 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
     }
     QLOGI("begin to analyze signal of %s", key.c_str());
 
-    char* from = nullptr;
-    TCMessage message;
-    detail::UnpackIntoMessage(parameters, &from, &message);
-    TCMessage reply;
+    // The payload holds the fields for the whole delivery: the message is
+    // filled from them and the sender's name is lent to the callback.
+    GVariant* framework = detail::ToFrameworkPayload(parameters);
+    {
+        detail::PayloadView fields;
+        detail::AnalyseServerMsg(framework, &fields);
+        const char* from = fields.from;
+        TCMessage message;
+        detail::FillMessage(&message, fields);
 
-    // The message and the C record live only for the call.
-    if (nativeHandler != nullptr) {
-        QUELT_CALL_GUARDED("signal callback",
-                           [&] { nativeHandler(from, signalName, &message, nativeData); });
-    } else if (managedHandler != nullptr) {
-        QUELT_CALL_GUARDED("signal callback", [&] {
-            TCWrapperMessage wrapper(&message);
-            managedHandler(from, signalName, wrapper.GetMMessager(), managedData);
-        });
-    } else {
-        // Signals are never answered: the reply is dropped.
-        QUELT_CALL_GUARDED("IfMessageReceived",
-                           [&] { server->IfMessageReceived(from, &message, &reply, signalName); });
+        // The message and the C record live only for the call.
+        if (nativeHandler != nullptr) {
+            QUELT_CALL_GUARDED("signal callback",
+                               [&] { nativeHandler(from, signalName, &message, nativeData); });
+        } else if (managedHandler != nullptr) {
+            QUELT_CALL_GUARDED("signal callback", [&] {
+                TCWrapperMessage wrapper(&message);
+                managedHandler(from, signalName, wrapper.GetMMessager(), managedData);
+            });
+        } else {
+            // Signals are never answered: the reply is dropped.
+            TCMessage reply;
+            QUELT_CALL_GUARDED("IfMessageReceived", [&] {
+                server->IfMessageReceived(from, &message, &reply, signalName);
+            });
+        }
     }
-    delete[] from;
+    g_variant_unref(framework);
 }
 
 }  // namespace Quelt

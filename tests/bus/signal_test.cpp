@@ -199,6 +199,129 @@ TEST_F(InProcessSignals, EmissionPayloadForms) {
     EXPECT_EQ(inbox.At(2).buffer, (std::vector<unsigned char>{1, 0, 2}));
 }
 
+// The lines of one delivery (those whose text starts with one of
+// |prefixes|), in the order they were written.
+std::vector<std::string> LinesStartingWith(const LogCapture& capture,
+                                           const std::vector<std::string>& prefixes) {
+    std::vector<std::string> found;
+    for (const auto& line : capture.Lines()) {
+        harvo_test::FrameworkLine parsed;
+        if (!harvo_test::ParseFrameworkText(line.text, &parsed))
+            continue;
+        for (const auto& prefix : prefixes) {
+            if (parsed.text.rfind(prefix, 0) == 0) {
+                found.push_back(std::to_string(line.prio) + " " + parsed.func + " " + parsed.text);
+                break;
+            }
+        }
+    }
+    return found;
+}
+
+TEST_F(InProcessSignals, ReceivingWritesItsLinesInOrderAndHandsOverEveryField) {
+    Inbox inbox;
+    ASSERT_TRUE(sub_.SubscribeSignal("em", "order", NativeHandler, &inbox));
+    // A body that is not JSON is kept as text, and said so, on receipt.
+    TCMessage message = MakeMessage("plain", 4000000000u, "not json at all", {9, 0, 8, 0});
+    LogCapture capture;
+    EmitAndSettle("order", &message);
+    ASSERT_EQ(inbox.Count(), 1u);
+    const Delivery got = inbox.At(0);
+    EXPECT_EQ(got.from, "em");
+    EXPECT_EQ(got.type, "plain");
+    EXPECT_EQ(got.code, 4000000000u);
+    EXPECT_EQ(got.text, "not json at all");
+    EXPECT_EQ(got.buffer, (std::vector<unsigned char>{9, 0, 8, 0}));
+
+    // The sentinel's lines follow; only those of "order" are compared.
+    std::vector<std::string> lines =
+        LinesStartingWith(capture, {"Send signal order", "sender(", "begin to analyze signal of",
+                                    "(sussa(y))", "get data of", "NOT JSON TYPE MESSAGE![not"});
+    ASSERT_GE(lines.size(), 6u) << capture.Dump();
+    lines.resize(6);
+    const std::string sender = "4 m_DSignalHandler sender(:";
+    const std::string tail = ") object(/sub/em/message) interface(sub.em.message) signal(order)";
+    EXPECT_EQ(lines[1].rfind(sender, 0), 0u) << lines[1];
+    ASSERT_GT(lines[1].size(), tail.size());
+    EXPECT_EQ(lines[1].substr(lines[1].size() - tail.size()), tail);
+    lines[1] = "(sender line)";
+    const std::vector<std::string> expected = {
+        "3 SendSignal Send signal order : success.",
+        "(sender line)",
+        "4 m_DSignalHandler begin to analyze signal of sub.em.message.order",
+        "4 AnalyseServerMsg (sussa(y))",
+        "4 AnalyseServerMsg get data of (sussa(y))",
+        "4 Parse NOT JSON TYPE MESSAGE![not json at all]",
+    };
+    EXPECT_EQ(lines, expected) << capture.Dump();
+}
+
+// What a copy of the message carries is what goes on the bus: the tree's
+// compact text when there is a tree, the text as it is otherwise.
+TEST_F(InProcessSignals, EmissionCarriesWhatACopyOfTheMessageCarries) {
+    Inbox inbox;
+    ASSERT_TRUE(sub_.SubscribeSignal("em", "copy", NativeHandler, &inbox));
+
+    // Spaced text: sent compact.
+    TCMessage spaced = MakeMessage("t", 1, "{ \"b\" : 2 , \"a\" : [1, 2] }");
+    EmitAndSettle("copy", &spaced);
+    // A tree changed after the text was set: the tree wins.
+    TCMessage stale = MakeMessage("t", 2, "{\"old\":true}");
+    stale.m_value["old"] = false;
+    stale.m_value["new"] = "yes";
+    EmitAndSettle("copy", &stale);
+    // A tree and no text.
+    TCMessage treeOnly;
+    treeOnly.m_value["only"] = 1;
+    EmitAndSettle("copy", &treeOnly);
+    // Text that is not JSON, and text whose tree is empty, go as they are.
+    TCMessage notJson = MakeMessage("t", 3, "plain words");
+    EmitAndSettle("copy", &notJson);
+    TCMessage emptyObject = MakeMessage("t", 4, "{ }");
+    EmitAndSettle("copy", &emptyObject);
+
+    ASSERT_EQ(inbox.Count(), 5u);
+    EXPECT_EQ(inbox.At(0).text, "{\"a\":[1,2],\"b\":2}");
+    EXPECT_EQ(inbox.At(1).text, "{\"new\":\"yes\",\"old\":false}");
+    EXPECT_EQ(inbox.At(2).text, "{\"only\":1}");
+    EXPECT_EQ(inbox.At(3).text, "plain words");
+    EXPECT_EQ(inbox.At(4).text, "{ }");
+    // The messages themselves are left as they were.
+    EXPECT_EQ(spaced.m_message, "{ \"b\" : 2 , \"a\" : [1, 2] }");
+    EXPECT_EQ(stale.m_message, "{\"old\":true}");
+    EXPECT_EQ(treeOnly.m_message, "");
+}
+
+TEST_F(InProcessSignals, ASizeWithoutBytesIsSentAsZeroBytes) {
+    // A message whose size was set without a buffer (members written
+    // directly): its copy holds that many zero bytes, and so does the bus.
+    Inbox inbox;
+    ASSERT_TRUE(sub_.SubscribeSignal("em", "zeros", NativeHandler, &inbox));
+    TCMessage sized = MakeMessage("t", 1, "{}");
+    sized.m_size = 3;
+    LogCapture capture;
+    EmitAndSettle("zeros", &sized);
+    sized.m_size = 0;
+    ASSERT_EQ(inbox.Count(), 1u);
+    EXPECT_EQ(inbox.At(0).buffer, (std::vector<unsigned char>{0, 0, 0}));
+    EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "get data of (sussa(y))"));
+}
+
+TEST_F(InProcessSignals, ALargeBufferArrivesWhole) {
+    Inbox inbox;
+    ASSERT_TRUE(sub_.SubscribeSignal("em", "large", NativeHandler, &inbox));
+    std::vector<unsigned char> bytes(70000);
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<unsigned char>(i * 7 + 1);
+    TCMessage message = MakeMessage("blob", 5, "{\"n\":70000}", bytes);
+    EmitAndSettle("large", &message);
+    ASSERT_EQ(inbox.Count(), 1u);
+    EXPECT_EQ(inbox.At(0).buffer, bytes);
+    EXPECT_EQ(inbox.At(0).text, "{\"n\":70000}");
+    // The sender's message keeps its own bytes.
+    EXPECT_EQ(harvo_bus_test::BufferOf(message), bytes);
+}
+
 TEST_F(InProcessSignals, SubscribingTwiceToANamedSenderMakesOneSubscription) {
     Inbox inbox;
     ASSERT_TRUE(sub_.SubscribeSignal("em", "ping", NativeHandler, &inbox));

@@ -249,6 +249,105 @@ TEST(AnalyseServerMsg, NormalFormIsReadBack) {
     g_variant_unref(built);
 }
 
+// The fields as g_variant_get reads them with the format string of each
+// shape: what AnalyseServerMsg must hand out, however the payload is held.
+struct Expected {
+    std::string from, type, message;
+    unsigned int code = 0;
+    std::vector<unsigned char> array;
+};
+
+Expected ReadWithFormat(GVariant* payload) {
+    Expected e;
+    const gchar *from = nullptr, *type = nullptr, *message = nullptr;
+    guint32 code = 0;
+    if (g_variant_is_of_type(payload, G_VARIANT_TYPE("(suss)"))) {
+        g_variant_get(payload, "(&su&s&s)", &from, &code, &type, &message);
+    } else {
+        GVariant* array = nullptr;
+        g_variant_get(payload, "(&su&s&s@a*)", &from, &code, &type, &message, &array);
+        const guchar* data = static_cast<const guchar*>(g_variant_get_data(array));
+        e.array.assign(data, data + g_variant_get_size(array));
+        g_variant_unref(array);
+    }
+    e.from = from;
+    e.code = code;
+    e.type = type;
+    e.message = message;
+    return e;
+}
+
+void ExpectReadAsWithFormat(GVariant* payload, const char* what) {
+    SCOPED_TRACE(what);
+    const Expected e = ReadWithFormat(payload);
+    Unpacked out;
+    ASSERT_TRUE(out.Analyse(payload));
+    EXPECT_EQ(e.from, out.from);
+    EXPECT_EQ(e.code, out.code);
+    EXPECT_EQ(e.type, out.type);
+    EXPECT_EQ(e.message, out.message);
+    const bool hasBuffer = e.array.size() > 1 || (e.array.size() == 1 && e.array[0] != 0);
+    if (hasBuffer) {
+        ASSERT_EQ(e.array.size(), out.size);
+        EXPECT_EQ(0, std::memcmp(e.array.data(), out.buffer, out.size));
+    } else {
+        EXPECT_EQ(0u, out.size);
+        EXPECT_EQ(nullptr, out.buffer);
+    }
+}
+
+// The same payload bytes, loaded without trusting them (as a stock tool's
+// message could reach a reader that skips GDBus's checks).
+GVariant* ArriveUntrusted(const std::string& type, const std::vector<unsigned char>& bytes) {
+    return g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE(type.c_str()), bytes.data(),
+                                                      bytes.size(), FALSE, NULL, NULL));
+}
+
+std::vector<unsigned char> Serialised(GVariant* payload) {
+    const guchar* data = static_cast<const guchar*>(g_variant_get_data(payload));
+    return std::vector<unsigned char>(data, data + g_variant_get_size(payload));
+}
+
+TEST(AnalyseServerMsg, FieldsAreThoseTheFormatStringReads) {
+    std::vector<unsigned char> bytes = {0x10, 0x00, 0xFF};
+    GVariant* plain = PlainPayload("server", 4000000000u, "tp", "{\"k\":\"v\"}");
+    GVariant* buffered = BufferPayload("server", 7, "blob", "{\"n\":5}", bytes);
+    ExpectReadAsWithFormat(plain, "plain, built");
+    ExpectReadAsWithFormat(buffered, "buffer, built");
+
+    // An array built element by element is held as a tree of children,
+    // never serialised, unlike one laid over raw bytes.
+    GVariantBuilder elements;
+    g_variant_builder_init(&elements, G_VARIANT_TYPE("a(y)"));
+    for (unsigned char b : bytes)
+        g_variant_builder_add(&elements, "(y)", b);
+    GVariant* tree = g_variant_ref_sink(
+        g_variant_new("(suss@a(y))", "s", 1u, "t", "m", g_variant_builder_end(&elements)));
+    ExpectReadAsWithFormat(tree, "buffer, tree of children");
+
+    for (GVariant* built : {plain, buffered, tree}) {
+        GVariant* arrived = Arrive(built);
+        ExpectReadAsWithFormat(arrived, "arrived");
+        std::vector<unsigned char> wire = Serialised(built);
+        const std::string type = g_variant_get_type_string(built);
+        GVariant* untrusted = ArriveUntrusted(type, wire);
+        ExpectReadAsWithFormat(untrusted, "untrusted");
+        // Damaged: the last byte (a frame offset or a string's terminator)
+        // changed. GVariant reads such data as defaults where it must, the
+        // same way for both readers.
+        std::vector<unsigned char> damaged = wire;
+        damaged.back() ^= 0x5A;
+        GVariant* broken = ArriveUntrusted(type, damaged);
+        ExpectReadAsWithFormat(broken, "damaged");
+        g_variant_unref(broken);
+        g_variant_unref(untrusted);
+        g_variant_unref(arrived);
+    }
+    g_variant_unref(tree);
+    g_variant_unref(buffered);
+    g_variant_unref(plain);
+}
+
 TEST(AnalyseServerMsg, SingleZeroByteArrivesAsNoBuffer) {
     // The reply form of "no buffer"; a real one-byte buffer holding 0
     // cannot be told apart from it.

@@ -7,9 +7,11 @@
 #include "dlog.h"
 #include "dlog-host.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <unistd.h>
@@ -49,8 +51,93 @@ FormatBuffer::~FormatBuffer() {
     t_bufferGone = true;
 }
 
-// Formats into |buffer|. The line stays valid until |buffer| changes.
+// Room for |more| bytes after the first |used| of |buffer|, whose whole
+// size is working space.
+char* Reserve(std::string& buffer, size_t used, size_t more) {
+    if (used + more > buffer.size())
+        buffer.resize(std::max(buffer.size() * 2, used + more));
+    return &buffer[used];
+}
+
+size_t PutDecimal(std::string& buffer, size_t used, unsigned long long value, bool negative) {
+    char digits[24];
+    char* end = digits + sizeof(digits);
+    char* p = end;
+    do {
+        *--p = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    if (negative)
+        *--p = '-';
+    const size_t length = static_cast<size_t>(end - p);
+    std::memcpy(Reserve(buffer, used, length), p, length);
+    return used + length;
+}
+
+// Puts together a line whose format holds no conversions but "%s", "%d",
+// "%u" and "%%" (no flags, widths, precisions or lengths: the framework's
+// own lines), with the bytes vsnprintf writes, a null string as "(null)".
+// vsnprintf's generic machinery costs a few thousand instructions per line.
+// Returns false at the first other conversion; |args| is never read.
+bool FormatPlain(std::string& buffer, const char* fmt, va_list args, Line* line) {
+    va_list values;
+    va_copy(values, args);
+    size_t used = 0;
+    const char* p = fmt;
+    for (;;) {
+        const char* percent = std::strchr(p, '%');
+        const size_t run = percent != nullptr ? static_cast<size_t>(percent - p) : std::strlen(p);
+        std::memcpy(Reserve(buffer, used, run), p, run);
+        used += run;
+        if (percent == nullptr)
+            break;
+        p = percent;
+        switch (p[1]) {
+            case 's': {
+                const char* text = va_arg(values, const char*);
+                if (text == nullptr)
+                    text = "(null)";
+                const size_t length = std::strlen(text);
+                std::memcpy(Reserve(buffer, used, length), text, length);
+                used += length;
+                break;
+            }
+            case 'd': {
+                const long long value = va_arg(values, int);
+                used = PutDecimal(buffer, used,
+                                  static_cast<unsigned long long>(value < 0 ? -value : value),
+                                  value < 0);
+                break;
+            }
+            case 'u':
+                used = PutDecimal(buffer, used, va_arg(values, unsigned int), false);
+                break;
+            case '%':
+                *Reserve(buffer, used, 1) = '%';
+                ++used;
+                break;
+            default:
+                // Not one of ours (a flag, width, precision, length or
+                // another conversion): the values read so far came from a
+                // copy, so vsnprintf gets them all.
+                va_end(values);
+                return false;
+        }
+        p += 2;
+    }
+    va_end(values);
+    // The terminator: buffer[size()] is the string's own.
+    buffer[used] = '\0';
+    *line = {buffer.data(), used};
+    return true;
+}
+
+// Formats into |buffer|, whose whole size is working space. The line stays
+// valid until |buffer| changes.
 Line FormatInto(std::string& buffer, const char* fmt, va_list args) {
+    Line line{"", 0};
+    if (FormatPlain(buffer, fmt, args, &line))
+        return line;
     va_list copy;
     va_copy(copy, args);
     int needed = std::vsnprintf(&buffer[0], buffer.size() + 1, fmt, copy);

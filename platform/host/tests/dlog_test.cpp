@@ -6,6 +6,9 @@
 #include <dlog.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -268,5 +271,65 @@ TEST(HostDlog, ConcurrentWritersProduceWholeLines) {
         ASSERT_LT(t, kThreads);
         ASSERT_EQ(prefix + expected(t, err_next[t]), line);
         ++err_next[t];
+    }
+}
+
+namespace {
+
+// What vsnprintf makes of |fmt| and its arguments: the reference for every
+// line, however the log puts it together.
+std::string Reference(const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    va_list copy;
+    va_copy(copy, args);
+    const int needed = std::vsnprintf(nullptr, 0, fmt, copy);
+    va_end(copy);
+    std::string text(static_cast<size_t>(needed), '\0');
+    std::vsnprintf(&text[0], text.size() + 1, fmt, args);
+    va_end(args);
+    return text;
+}
+
+}  // namespace
+
+TEST(HostDlog, LinesAreTheBytesVsnprintfWrites) {
+    // Read through a volatile so that the compiler, which warns about a
+    // null %s argument it can see, does not see this one.
+    static const char* volatile kNothing = nullptr;
+    const char* nothing = kNothing;
+    const std::string large(3000, 'z');
+    SinkRecorder recorder;
+    std::vector<std::string> expected;
+    std::vector<int> written;
+#define HARVO_CHECK_LINE(...)                                                      \
+    do {                                                                           \
+        expected.push_back(Reference(__VA_ARGS__));                                \
+        written.push_back(__dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", __VA_ARGS__)); \
+    } while (0)
+    // The framework's shapes: strings, signed and unsigned numbers.
+    HARVO_CHECK_LINE("%s: %s(%d) > \033[37m [%s]sender(%s) object(%s)\033[0m\n", "F.cpp", "Fn", 123,
+                     "nil", ":1.7", "/a/b");
+    HARVO_CHECK_LINE("%d %d %d %d %d", 0, -1, 7, INT_MIN, INT_MAX);
+    HARVO_CHECK_LINE("%u|%u|%u", 0u, 4000000000u, UINT_MAX);
+    HARVO_CHECK_LINE("[%s]", nothing);
+    HARVO_CHECK_LINE("100%% of %s%%", "it");
+    HARVO_CHECK_LINE("%s%s%s", "", "a", "");
+    HARVO_CHECK_LINE("%s", large.c_str());
+    HARVO_CHECK_LINE("no conversion at all");
+    HARVO_CHECK_LINE("%s", "");
+    HARVO_CHECK_LINE("%s", "text with % and %d inside the argument");
+    // Anything else goes through vsnprintf itself.
+    HARVO_CHECK_LINE("%5d|%-4s|%.2s|%x|%lu|%zu|%c", 42, "ab", "xyz", 255u, 9ul, size_t{3}, 'q');
+    HARVO_CHECK_LINE("%p", static_cast<void*>(nullptr));
+    HARVO_CHECK_LINE("%s after a wide one: %d", "short", 1);
+    // Plain conversions before one that is not: the whole line is vsnprintf's.
+    HARVO_CHECK_LINE("%s and %d, then %lu and %s", "first", -3, 12345678901ul, nothing);
+#undef HARVO_CHECK_LINE
+    std::vector<Captured> lines = recorder.Lines();
+    ASSERT_EQ(expected.size(), lines.size());
+    for (size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(expected[i], lines[i].text) << i;
+        EXPECT_EQ(static_cast<int>(expected[i].size()), written[i]) << i;
     }
 }
