@@ -68,7 +68,7 @@ gboolean WaitCountedUntil(GCond* cond, GMutex* mutex, gint64 end_time) {
 }
 
 // The count is written under the semaphore's mutex, and read there; a
-// mutex's Try also glances at it without the mutex (see WaitBrieflyForUnit),
+// mutex glances at it without the semaphore's mutex (see WatchAndTake),
 // so every write is a single atomic store.
 inline void SetCount(int* count, int value) {
     __atomic_store_n(count, value, __ATOMIC_RELAXED);
@@ -95,20 +95,47 @@ inline void CpuRelax() {
 // and a wake-up of its own, far more than a few microseconds of watching.
 // The bound keeps a holder that stays long (or is not running) cheap.
 constexpr gint64 kMutexWatchUs = 3;
+// When the wake byte woke the loop on the sender's own processor, the
+// sender cannot leave the section while the loop watches: after the watch
+// the loop offers the processor this many times before it sleeps.
+constexpr int kMutexYields = 2;
 
-// Returns once |count| shows a unit or the watch is over; the caller then
-// tries the semaphore as usual, so this changes nothing but when it sleeps.
-void WaitBrieflyForUnit(const int* count) {
+// Takes a unit of the semaphore whose mutex is |guard| and whose count is
+// |count| if one is there, without waiting. A mutex uses it between glances.
+bool TakeUnitNow(GMutex* guard, int* count) {
+    g_mutex_lock(guard);
+    const bool got = *count > 0;
+    if (got)
+        SetCount(count, *count - 1);
+    g_mutex_unlock(guard);
+    return got;
+}
+
+// Watches |count| and calls |takeNow| (a take that never sleeps) whenever
+// it shows a unit, until a take succeeds (true) or the watch and the
+// yields are over (false: the caller then takes the semaphore as usual,
+// sleeping if it must). Another thread may take the unit between the
+// glance and the take; the watch simply goes on.
+template <typename TakeNow>
+bool WatchAndTake(const int* count, TakeNow takeNow) {
     gint64 until = 0;
-    for (unsigned spins = 0; PeekCount(count) < 1; ++spins) {
-        if (spins % 64 == 0) {
-            const gint64 now = g_get_monotonic_time();
-            if (until == 0)
-                until = now + kMutexWatchUs;
-            else if (now >= until)
-                return;
+    int yields = 0;
+    for (unsigned spins = 0;; ++spins) {
+        if (PeekCount(count) > 0 && takeNow())
+            return true;
+        if (spins % 64 != 0) {
+            CpuRelax();
+            continue;
         }
-        CpuRelax();
+        const gint64 now = g_get_monotonic_time();
+        if (until == 0) {
+            until = now + kMutexWatchUs;
+        } else if (now >= until) {
+            if (yields == kMutexYields)
+                return false;
+            ++yields;
+            g_thread_yield();
+        }
     }
 }
 
@@ -217,7 +244,11 @@ void TCMutex::Lock() {
         m_Depth += 1;
         return;
     }
-    m_Sem.Take();
+    GMutex* guard = m_Sem.m_pEventMutex;
+    int* count = &m_Sem.m_Count;
+    if (guard == nullptr ||
+        !WatchAndTake(count, [guard, count] { return TakeUnitNow(guard, count); }))
+        m_Sem.Take();
     g_atomic_pointer_set(&m_pOwner, self);
     m_Depth = 1;
 }
@@ -239,8 +270,11 @@ bool TCMutex::Try(unsigned long timeout) {
         m_Depth += 1;
         return true;
     }
-    WaitBrieflyForUnit(&m_Sem.m_Count);
-    if (!m_Sem.Try(timeout))
+    GMutex* guard = m_Sem.m_pEventMutex;
+    int* count = &m_Sem.m_Count;
+    const bool taken = guard != nullptr &&
+                       WatchAndTake(count, [guard, count] { return TakeUnitNow(guard, count); });
+    if (!taken && !m_Sem.Try(timeout))
         return false;
     g_atomic_pointer_set(&m_pOwner, self);
     m_Depth = 1;
