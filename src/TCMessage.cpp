@@ -2,7 +2,11 @@
 
 #include "TCMessage.h"
 
+#include <clocale>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <locale>
 #include <exception>
 #include <memory>
 #include <sstream>
@@ -178,6 +182,261 @@ std::string WriteCompact(const Json::Value& value) {
     return text;
 }
 
+// Reads the common case of a body the way the JsonCpp reader reads it, into
+// the same tree: objects, arrays, numbers written without leading zeros
+// (integers of up to 18 digits; others finite and of fewer than 64
+// characters), true, false, null and strings of printable ASCII without
+// escapes, with blanks between tokens, and nothing after the root
+// value but blanks. Every value gets the offsets the reader gives it (the
+// token's start and end; a container's end after its closing bracket).
+// Anything else (a comment, an escape, a number of another form, a trailing
+// comma, a repeated key, trailing text, more than 64 levels) makes Read
+// answer false, and the reader then parses the text itself, with its own
+// results and error texts.
+class PlainReader {
+public:
+    PlainReader(const char* begin, const char* end) : m_begin(begin), m_at(begin), m_end(end) {}
+
+    bool Read(Json::Value& root) {
+        Json::Value value;
+        if (!ReadValue(value, 0))
+            return false;
+        SkipBlanks();
+        if (m_at != m_end)
+            return false;
+        // The reader fills the root in place: its payload and offsets.
+        root.swapPayload(value);
+        root.setOffsetStart(value.getOffsetStart());
+        root.setOffsetLimit(value.getOffsetLimit());
+        return true;
+    }
+
+private:
+    static const int kDepthLimit = 64;
+
+    void SkipBlanks() {
+        while (m_at != m_end && (*m_at == ' ' || *m_at == '\t' || *m_at == '\n' || *m_at == '\r'))
+            ++m_at;
+    }
+    ptrdiff_t Offset() const { return m_at - m_begin; }
+    bool At(char c) const { return m_at != m_end && *m_at == c; }
+
+    // A string token's contents, between its quotes; m_at moves past the
+    // closing quote.
+    bool ReadText(const char*& textBegin, const char*& textEnd) {
+        ++m_at;  // the opening quote
+        textBegin = m_at;
+        while (m_at != m_end && *m_at != '"') {
+            const unsigned char c = static_cast<unsigned char>(*m_at);
+            if (c < 0x20 || c > 0x7E || c == '\\')
+                return false;
+            ++m_at;
+        }
+        if (m_at == m_end)
+            return false;
+        textEnd = m_at;
+        ++m_at;  // the closing quote
+        return true;
+    }
+
+    bool ReadLiteral(const char* word, size_t length) {
+        if (static_cast<size_t>(m_end - m_at) < length || std::memcmp(m_at, word, length) != 0)
+            return false;
+        m_at += length;
+        return true;
+    }
+
+    static bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+    // Digits from m_at on; their count.
+    ptrdiff_t SkipDigits() {
+        const char* first = m_at;
+        while (m_at != m_end && IsDigit(*m_at))
+            ++m_at;
+        return m_at - first;
+    }
+
+    // The reader turns a number with a fraction or an exponent into a
+    // double through a stream in the global C++ locale, which converts as
+    // strtod does in the "C" locale; an overflow becomes an infinity. Only
+    // finite values, read under the classic global locale, are taken here.
+    static bool ToDouble(const char* begin, const char* end, double& number) {
+        static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
+        char text[64];
+        const size_t length = static_cast<size_t>(end - begin);
+        if (cLocale == static_cast<locale_t>(nullptr) || length >= sizeof(text) ||
+            !(std::locale() == std::locale::classic()))
+            return false;
+        std::memcpy(text, begin, length);
+        text[length] = '\0';
+        char* stop = nullptr;
+        number = strtod_l(text, &stop, cLocale);
+        return stop == text + length && std::isfinite(number);
+    }
+
+    bool ReadNumber(Json::Value& value) {
+        const char* begin = m_at;
+        const bool negative = *m_at == '-';
+        if (negative)
+            ++m_at;
+        const char* digits = m_at;
+        const ptrdiff_t count = SkipDigits();
+        if (count == 0 || (*digits == '0' && count > 1))
+            return false;
+        bool integral = true;
+        if (At('.')) {
+            ++m_at;
+            if (SkipDigits() == 0)
+                return false;
+            integral = false;
+        }
+        if (At('e') || At('E')) {
+            ++m_at;
+            if (At('+') || At('-'))
+                ++m_at;
+            if (SkipDigits() == 0)
+                return false;
+            integral = false;
+        }
+        if (!integral) {
+            double real = 0;
+            if (!ToDouble(begin, m_at, real))
+                return false;
+            Json::Value number(real);
+            value.swapPayload(number);
+            return true;
+        }
+        if (count > 18)
+            return false;
+        unsigned long long magnitude = 0;
+        for (const char* d = digits; d != digits + count; ++d)
+            magnitude = magnitude * 10 + static_cast<unsigned>(*d - '0');
+        Json::Value number(negative ? -static_cast<Json::LargestInt>(magnitude)
+                                    : static_cast<Json::LargestInt>(magnitude));
+        value.swapPayload(number);
+        return true;
+    }
+
+    bool ReadValue(Json::Value& value, int depth) {
+        SkipBlanks();
+        if (m_at == m_end)
+            return false;
+        const ptrdiff_t start = Offset();
+        bool read = false;
+        switch (*m_at) {
+            case '{':
+                read = depth < kDepthLimit && ReadObject(value, depth);
+                break;
+            case '[':
+                read = depth < kDepthLimit && ReadArray(value, depth);
+                break;
+            case '"': {
+                const char* textBegin = nullptr;
+                const char* textEnd = nullptr;
+                read = ReadText(textBegin, textEnd);
+                if (read) {
+                    Json::Value text(textBegin, textEnd);
+                    value.swapPayload(text);
+                }
+                break;
+            }
+            case 't':
+            case 'f': {
+                const bool truth = *m_at == 't';
+                read = truth ? ReadLiteral("true", 4) : ReadLiteral("false", 5);
+                if (read) {
+                    Json::Value boolean(truth);
+                    value.swapPayload(boolean);
+                }
+                break;
+            }
+            case 'n':
+                read = ReadLiteral("null", 4);
+                if (read) {
+                    Json::Value null;
+                    value.swapPayload(null);
+                }
+                break;
+            default:
+                read = (*m_at == '-' || IsDigit(*m_at)) && ReadNumber(value);
+                break;
+        }
+        if (!read)
+            return false;
+        value.setOffsetStart(start);
+        value.setOffsetLimit(Offset());
+        return true;
+    }
+
+    bool ReadObject(Json::Value& object, int depth) {
+        Json::Value empty(Json::objectValue);
+        object.swapPayload(empty);
+        ++m_at;  // '{'
+        SkipBlanks();
+        if (At('}')) {
+            ++m_at;
+            return true;
+        }
+        for (;;) {
+            if (!At('"'))
+                return false;
+            const char* keyBegin = nullptr;
+            const char* keyEnd = nullptr;
+            if (!ReadText(keyBegin, keyEnd))
+                return false;
+            SkipBlanks();
+            if (!At(':'))
+                return false;
+            ++m_at;
+            const Json::ArrayIndex before = object.size();
+            Json::Value* member = object.demand(keyBegin, keyEnd);
+            if (object.size() == before)
+                return false;  // a repeated key
+            if (!ReadValue(*member, depth + 1))
+                return false;
+            SkipBlanks();
+            if (At('}')) {
+                ++m_at;
+                return true;
+            }
+            if (!At(','))
+                return false;
+            ++m_at;
+            SkipBlanks();
+        }
+    }
+
+    bool ReadArray(Json::Value& array, int depth) {
+        Json::Value empty(Json::arrayValue);
+        array.swapPayload(empty);
+        ++m_at;  // '['
+        SkipBlanks();
+        if (At(']')) {
+            ++m_at;
+            return true;
+        }
+        for (Json::ArrayIndex index = 0;; ++index) {
+            if (!ReadValue(array[index], depth + 1))
+                return false;
+            SkipBlanks();
+            if (At(']')) {
+                ++m_at;
+                return true;
+            }
+            if (!At(','))
+                return false;
+            ++m_at;
+            SkipBlanks();
+            if (At(']'))
+                return false;  // a trailing comma
+        }
+    }
+
+    const char* m_begin;
+    const char* m_at;
+    const char* m_end;
+};
+
 unsigned char* DuplicateBytes(const unsigned char* bytes, unsigned int size) {
     unsigned char* copy = new unsigned char[size];
     if (bytes != nullptr) {
@@ -231,10 +490,16 @@ bool TCData::Parse() {
     if (!m_value.empty())
         return true;
 
+    const char* begin = m_message.data();
+    // Most bodies are plain JSON: read directly, without the reader's
+    // token and node machinery.
+    if (PlainReader(begin, begin + m_message.size()).Read(m_value)) {
+        m_error.clear();
+        return true;
+    }
     Json::CharReader& reader = ThreadReader();
     std::string errors;
     bool parsed = false;
-    const char* begin = m_message.data();
     try {
         // The whole text, to its length: embedded NUL bytes are the reader's
         // business, not a terminator.

@@ -3,7 +3,9 @@
 // every way the framework does (copy constructors, both assignments),
 // regenerates it and reads it back through every getter, and checks that
 // whatever text the framework writes from a tree is valid JSON that parses
-// back to the same tree and is written again unchanged.
+// back to the same tree and is written again unchanged. The JsonCpp reader
+// and compact writer are the reference for what the body reads and
+// writes: same result, error text, tree (offsets included) and text.
 
 #include <json/json.h>
 
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <string>
 
@@ -140,6 +143,70 @@ void CheckParsed(const std::string& input, Quelt::TCData& body) {
     Require(probe.m_value == body.m_value, "Parse and the constructor disagree", input);
 }
 
+// The library reads and writes plain bodies itself; the JsonCpp reader
+// and compact writer, configured as the library configures its own, are
+// the reference: same parse result, same error text, same tree node for
+// node (type, value, offsets), same written text.
+bool SameTree(const Json::Value& a, const Json::Value& b) {
+    if (a.type() != b.type() || a.getOffsetStart() != b.getOffsetStart() ||
+        a.getOffsetLimit() != b.getOffsetLimit() || a.size() != b.size())
+        return false;
+    if (a.isArray()) {
+        for (Json::ArrayIndex i = 0; i < a.size(); ++i) {
+            if (!SameTree(a[i], b[i]))
+                return false;
+        }
+        return true;
+    }
+    if (a.isObject()) {
+        if (a.getMemberNames() != b.getMemberNames())
+            return false;
+        for (auto it = a.begin(); it != a.end(); ++it) {
+            if (!SameTree(*it, b[it.name()]))
+                return false;
+        }
+        return true;
+    }
+    // NaN is not equal to itself: compare the bits of reals.
+    if (a.type() == Json::realValue) {
+        const double x = a.asDouble();
+        const double y = b.asDouble();
+        return std::memcmp(&x, &y, sizeof(x)) == 0;
+    }
+    return a == b;
+}
+
+void CheckAgainstJsonCpp(const std::string& input, const Quelt::TCData& body) {
+    static const std::unique_ptr<Json::CharReader> reader = [] {
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false;
+        return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+    }();
+    Json::Value tree;
+    std::string errors;
+    bool parsed = false;
+    try {
+        parsed = reader->parse(input.data(), input.data() + input.size(), &tree, &errors);
+    } catch (const std::exception& e) {
+        errors = e.what();
+    }
+    if (!parsed) {
+        Require(body.m_value.isNull() && body.m_error == errors,
+                "the body's parse differs from the reader's (refused)", input);
+        return;
+    }
+    Require(body.m_error.empty() && SameTree(tree, body.m_value),
+            "the body's tree differs from the reader's", input);
+    if (tree.empty())
+        return;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    writer["commentStyle"] = "None";
+    Quelt::TCData copy(body);
+    Require(copy.m_message == Json::writeString(writer, tree),
+            "the body's text differs from the writer's", input);
+}
+
 void CheckCopies(const std::string& input, const Quelt::TCData& body) {
     Quelt::TCData copy(body);
     Require(copy.m_value == body.m_value, "copy has another tree", input);
@@ -237,6 +304,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     Quelt::TCData body(input);
     CheckParsed(input, body);
+    CheckAgainstJsonCpp(input, body);
     CheckCopies(input, body);
     CheckTreeOnly(input, body.m_value);
     CheckMessage(input, data, size);
