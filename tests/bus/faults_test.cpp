@@ -87,10 +87,12 @@ private:
     Quelt::TCTask* worker_;
 };
 
-// A worker task; destroyed (thread joined) at the end of its scope.
+// A worker task; destroyed (thread joined) at the end of its scope. Its loop
+// and queue are made before Create returns, so that a request can never
+// reach the queue before it exists.
 class Worker {
 public:
-    Worker() : task_("worker") { created_ = task_.Create("worker", false, 0); }
+    Worker() : task_("worker") { created_ = task_.Create("worker", true, 0); }
     ~Worker() {
         if (created_)
             task_.Destroy();
