@@ -28,6 +28,7 @@ PACKAGES=(
     googletest
     libgmock-dev
     libbenchmark-dev
+    valgrind             # instructions per round trip (bench/callgrind_roundtrip.sh)
     python3
     # the system-bus policy test runs a service as an unprivileged user
     util-linux           # setpriv
