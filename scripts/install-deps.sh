@@ -29,7 +29,7 @@ PACKAGES=(
     libgmock-dev
     libbenchmark-dev
     linux-perf           # scripts/bench-counts.sh: system calls per event (tracepoints)
-    valgrind             # scripts/bench-counts.sh: instructions per event (callgrind)
+    valgrind             # instructions per event / round trip (bench-counts.sh, bench/callgrind_roundtrip.sh)
     python3
     strace               # lock tests count wake-up calls; bench-counts.sh where perf cannot
     # the system-bus policy test runs a service as an unprivileged user
