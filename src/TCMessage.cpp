@@ -368,6 +368,23 @@ private:
         return true;
     }
 
+    // What follows a member or an element: the container's closing
+    // bracket |close| (consumed), or a comma (consumed, with the blanks
+    // after it), or anything else.
+    enum class After { kClosed, kNext, kBad };
+    After CloseOrComma(char close) {
+        SkipBlanks();
+        if (At(close)) {
+            ++m_at;
+            return After::kClosed;
+        }
+        if (!At(','))
+            return After::kBad;
+        ++m_at;
+        SkipBlanks();
+        return After::kNext;
+    }
+
     bool ReadObject(Json::Value& object, int depth) {
         Json::Value empty(Json::objectValue);
         object.swapPayload(empty);
@@ -394,15 +411,9 @@ private:
                 return false;  // a repeated key
             if (!ReadValue(*member, depth + 1))
                 return false;
-            SkipBlanks();
-            if (At('}')) {
-                ++m_at;
-                return true;
-            }
-            if (!At(','))
-                return false;
-            ++m_at;
-            SkipBlanks();
+            const After after = CloseOrComma('}');
+            if (after != After::kNext)
+                return after == After::kClosed;
         }
     }
 
@@ -418,15 +429,9 @@ private:
         for (Json::ArrayIndex index = 0;; ++index) {
             if (!ReadValue(array[index], depth + 1))
                 return false;
-            SkipBlanks();
-            if (At(']')) {
-                ++m_at;
-                return true;
-            }
-            if (!At(','))
-                return false;
-            ++m_at;
-            SkipBlanks();
+            const After after = CloseOrComma(']');
+            if (after != After::kNext)
+                return after == After::kClosed;
             if (At(']'))
                 return false;  // a trailing comma
         }
