@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer harnesses of tests/fuzz (clang, AddressSanitizer +
 # UndefinedBehaviorSanitizer, in build-fuzz/) and runs each of them in turn
-# on a fresh copy of its seed inputs (tests/fuzz/corpus/<harness>/; the
+# on a fresh copy of its starting inputs (tests/fuzz/corpus/<harness>/; the
 # repository's corpus is never written to).
 #
 # Usage: scripts/fuzz.sh [--runs N] [seconds] [harness...]
@@ -85,7 +85,7 @@ for name in "${harnesses[@]}"; do
     corpus="$work/$name"
     mkdir -p "$corpus"
     cp "$ROOT/tests/fuzz/corpus/$name"/* "$corpus"/
-    seeds=$(find "$corpus" -type f | wc -l)
+    initial=$(find "$corpus" -type f | wc -l)
     # Resident memory of a long run creeps up through the sanitizer's
     # allocator caches while the live heap stays flat (about 120 KB for the
     # body harness after millions of inputs), hence a generous limit for
@@ -119,7 +119,7 @@ for name in "${harnesses[@]}"; do
     size=$(find "$corpus" -type f | wc -l)
     rate=$((executed / (elapsed > 0 ? elapsed : 1)))
     line=$(printf '%-16s %12s executions in %5s s (%s/s), corpus %s -> %s files, %s finding(s)' \
-        "${name}_fuzzer" "$executed" "$elapsed" "$rate" "$seeds" "$size" "$findings")
+        "${name}_fuzzer" "$executed" "$elapsed" "$rate" "$initial" "$size" "$findings")
     echo "$line"
     lines+=("$line")
     total_runs=$((total_runs + executed))

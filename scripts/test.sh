@@ -219,7 +219,7 @@ fi
 
 # ---------------------------------------------------------------------------
 # The fuzz harnesses, briefly each: proves on every full run that they build
-# and that the seed inputs and a short exploration find nothing. Long runs
+# and that the starting inputs and a short exploration find nothing. Long runs
 # are recorded in tests/fuzz/README.md.
 if [[ $sanitizers -eq 1 ]]; then
     fuzz_seconds=${HARVO_FUZZ_SECONDS:-20}
