@@ -11,3 +11,8 @@ set_tests_properties(scripts_install_deps_without_root PROPERTIES
 add_test(NAME scripts_leftover_processes
     COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/leftover_processes_test.sh ${PROJECT_SOURCE_DIR}/scripts)
 set_tests_properties(scripts_leftover_processes PROPERTIES LABELS unit TIMEOUT 60)
+
+# The armv7l stage's Debian mirror, read from sample APT sources.
+add_test(NAME scripts_apt_mirror
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/apt_mirror_test.sh ${PROJECT_SOURCE_DIR}/scripts)
+set_tests_properties(scripts_apt_mirror PROPERTIES LABELS unit TIMEOUT 60)
