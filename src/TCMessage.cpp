@@ -1,4 +1,5 @@
-// TCData (JSON body kept as text and tree) and TCMessage.
+// TCData (JSON body kept as text and tree) and TCMessage. How a body's text
+// is read into a tree and written back is PlainJson.cpp's.
 
 #include "TCMessage.h"
 
