@@ -272,6 +272,29 @@ TEST(EventIOFinal, NeverInitialisedIoRefusesEverything) {
     EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "already final"));
 }
 
+namespace {
+
+// Counts the calls of the teardown hook.
+class TeardownCountingIO : public RecordingIO {
+public:
+    using RecordingIO::RecordingIO;
+    void t_Final() override { ++teardowns; }
+    int teardowns = 0;
+};
+
+}  // namespace
+
+TEST(EventIOFinal, DoesNotCallTheTeardownHook) {
+    LocalLoop local;
+    TeardownCountingIO io("hook");
+    ASSERT_TRUE(io.Init(local.loop));
+    io.Final();
+    EXPECT_EQ(0, io.teardowns);
+    // The hook is the derived class's to call.
+    io.t_Final();
+    EXPECT_EQ(1, io.teardowns);
+}
+
 // ---------------------------------------------------------------------------
 // Sending and order
 
