@@ -5,3 +5,12 @@ add_test(NAME scripts_install_deps_without_root
     COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/install_deps_test.sh ${PROJECT_SOURCE_DIR}/scripts)
 set_tests_properties(scripts_install_deps_without_root PROPERTIES
     LABELS unit TIMEOUT 60 SKIP_RETURN_CODE 77)
+
+# The private bus of scripts/private-bus.sh serves other users too: a
+# client and a service run as nobody reach it (needs root: skipped
+# otherwise, with the reason).
+add_test(NAME scripts_private_bus_other_users
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/private_bus_test.sh
+        ${PROJECT_SOURCE_DIR}/scripts $<TARGET_FILE:bus_peer>)
+set_tests_properties(scripts_private_bus_other_users PROPERTIES
+    LABELS unit TIMEOUT 120 SKIP_RETURN_CODE 77)
