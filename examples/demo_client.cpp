@@ -21,7 +21,7 @@
 #include <string>
 
 #include <app.h>
-#include <harvo-fw.h>
+#include <harvo-fw/harvo-fw.h>
 
 using Quelt::TCMessage;
 

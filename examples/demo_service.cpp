@@ -19,7 +19,7 @@
 #include <string>
 #include <thread>
 
-#include <harvo-fw.h>
+#include <harvo-fw/harvo-fw.h>
 
 using Quelt::TCAlarm;
 using Quelt::TCEventIO;

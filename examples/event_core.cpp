@@ -18,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include <harvo-fw.h>
+#include <harvo-fw/harvo-fw.h>
 
 using Quelt::TCAlarm;
 using Quelt::TCEvent;

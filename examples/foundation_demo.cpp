@@ -14,7 +14,7 @@
 #include <string>
 #include <thread>
 
-#include <harvo-fw.h>
+#include <harvo-fw/harvo-fw.h>
 
 using Quelt::TCMessage;
 using Quelt::TCMutex;

@@ -19,7 +19,7 @@
 #include <stdlib.h>
 
 #include <app_control.h>
-#include <pelx.h>
+#include <harvo-fw/pelx.h>
 #include <ui-gadget-module.h>
 
 /* The gadget's own data, handed back to every callback. */

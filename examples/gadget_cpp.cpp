@@ -16,7 +16,7 @@
 #include <cstdio>
 #include <string>
 
-#include <TCGadgetActivity.h>
+#include <harvo-fw/TCGadgetActivity.h>
 
 using Quelt::TCGadgetActivity;
 using Quelt::TCMessage;

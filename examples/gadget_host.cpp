@@ -30,8 +30,8 @@
 
 #include <app.h>
 #include <app_control.h>
-#include <harvo-fw.h>
-#include <TCGadgetProxy.h>
+#include <harvo-fw/harvo-fw.h>
+#include <harvo-fw/TCGadgetProxy.h>
 #include <ui-gadget-host.h>
 
 using Quelt::TCGadgetProxy;

@@ -22,9 +22,9 @@
 #include <string>
 #include <vector>
 
-#include "TCMessage.h"
-#include "TCServer.h"
-#include "TCServerHelper.h"
+#include <harvo-fw/TCMessage.h>
+#include <harvo-fw/TCServer.h>
+#include <harvo-fw/TCServerHelper.h>
 
 #if __has_include(<dlog-host.h>)
 #include <dlog-host.h>

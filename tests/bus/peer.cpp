@@ -45,9 +45,9 @@
 #include <sstream>
 #include <string>
 
-#include "TCServer.h"
 #include <dlog-host.h>
 #include <glib-unix.h>
+#include <harvo-fw/TCServer.h>
 
 namespace {
 

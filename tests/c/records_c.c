@@ -8,7 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "pelx.h"
+#include <harvo-fw/pelx.h>
 
 static int g_passed = 0;
 static int g_failed = 0;

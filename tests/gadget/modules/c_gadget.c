@@ -8,7 +8,7 @@
 #include <string.h>
 
 #include <app_control.h>
-#include <pelx.h>
+#include <harvo-fw/pelx.h>
 #include <ui-gadget-module.h>
 
 #include "GadgetTrace.h"

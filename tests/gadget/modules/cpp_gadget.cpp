@@ -8,11 +8,12 @@
 //     answer is traced as "host:<type>:<info>"
 //   the answer to the host's question is "gadget-type" / {"from":"cpp"}
 
+#include <harvo-fw/TCGadgetActivity.h>
+
 #include <cstdlib>
 #include <string>
 
 #include "GadgetTrace.h"
-#include "TCGadgetActivity.h"
 
 using Quelt::TCGadgetActivity;
 using Quelt::TCMessage;
