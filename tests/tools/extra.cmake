@@ -9,7 +9,7 @@ foreach(tool_test_source ${HARVO_TOOL_TEST_SOURCES})
         HARVO_BUS_TOOL_PATH="$<TARGET_FILE:harvo-bus>"
         HARVO_FW_VERSION="${PROJECT_VERSION}"
         HARVO_BUS_CONFIG="${PROJECT_SOURCE_DIR}/tests/bus/system-bus.conf"
-        HARVO_WEATHER_POLICY="${PROJECT_SOURCE_DIR}/packaging/dbus-1/harvo-fw-weather.conf")
+        HARVO_WEATHER_POLICY="${PROJECT_SOURCE_DIR}/examples/dbus-1/harvo-fw-weather.conf")
     add_dependencies(${tool_test_target} bus_peer harvo-bus)
 endforeach()
 

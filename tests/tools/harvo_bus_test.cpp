@@ -219,7 +219,7 @@ TEST(HarvoBusToolPolicy, ThePackagedPolicyIsWhatTheToolPrints) {
     const Outcome outcome = RunTool({"policy", "weather", "--user", "root"});
     EXPECT_EQ(0, outcome.status);
     EXPECT_EQ(outcome.All(), packaged) << "regenerate: harvo-bus policy weather --user root > "
-                                          "packaging/dbus-1/harvo-fw-weather.conf";
+                                          "examples/dbus-1/harvo-fw-weather.conf";
 }
 
 TEST(HarvoBusToolPolicy, RefusesWhatCannotGoIntoAPolicy) {
