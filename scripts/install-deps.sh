@@ -31,6 +31,7 @@ PACKAGES=(
     linux-perf           # scripts/bench-counts.sh: system calls per event (tracepoints)
     valgrind             # instructions per event / round trip (bench-counts.sh, bench/callgrind_roundtrip.sh)
     python3
+    python3-dbus         # the guide's dbus-python call of an endpoint (tests/tools)
     strace               # lock tests count wake-up calls; bench-counts.sh where perf cannot
     # the system-bus policy test runs a service as an unprivileged user
     util-linux           # setpriv

@@ -19,3 +19,14 @@ add_test(NAME tools_stock_policy
     COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/stock_policy_test.sh
         $<TARGET_FILE:harvo-bus> $<TARGET_FILE:bus_peer>)
 set_tests_properties(tools_stock_policy PROPERTIES LABELS unit TIMEOUT 120 SKIP_RETURN_CODE 77)
+
+# Stock clients (gdbus, dbus-send, busctl, dbus-python) call the peer's two
+# methods with explicit types, as the guide shows; one test per client,
+# skipped with the reason when the client is not installed.
+foreach(stock_client gdbus dbus-send busctl python)
+    string(REPLACE "-" "_" stock_client_test "tools_stock_client_${stock_client}")
+    add_test(NAME ${stock_client_test}
+        COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/stock_clients_test.sh
+            ${stock_client} $<TARGET_FILE:bus_peer> ${PROJECT_SOURCE_DIR}/scripts)
+    set_tests_properties(${stock_client_test} PROPERTIES LABELS unit TIMEOUT 60 SKIP_RETURN_CODE 77)
+endforeach()
