@@ -18,9 +18,9 @@
 #   --with-slow   run the slow tests too (label "slow"; skipped by default:
 #                 under emulation they take longer than the rest together)
 #
-# install_consumer, the soak and the tests of the build machine's own tools
-# (Doxygen, nm, rpmspec, apt) never run here; the Debug stage of
-# scripts/test.sh runs them.
+# install_consumer, readme_quickstart, the soak and the tests of the build
+# machine's own tools (Doxygen, nm, rpmspec, apt) never run here; the Debug
+# stage of scripts/test.sh runs them.
 #
 # Environment:
 #   HARVO_BUILD_PREFIX  directory that holds build-arm-root/ and build-arm/
@@ -143,12 +143,12 @@ fi
 
 # Tests of the build machine's tools do not run here; what they check does
 # not depend on the architecture, and the Debug stage of scripts/test.sh runs
-# them: install_consumer builds programs with a native compiler (under
-# emulation longer than its time limit); docs_reference (Doxygen),
+# them: install_consumer and readme_quickstart build programs with a native
+# compiler (under emulation longer than their time limit); docs_reference (Doxygen),
 # abi_exported_symbols (nm), packaging_recipe_files (rpmspec) and
 # scripts_install_deps_without_root (apt) need tools the root does not carry.
 # The soak (label soak) runs once, in the Debug stage.
-host_only='^(install_consumer|docs_reference|abi_exported_symbols|packaging_recipe_files|scripts_install_deps_without_root)$'
+host_only='^(install_consumer|readme_quickstart|docs_reference|abi_exported_symbols|packaging_recipe_files|scripts_install_deps_without_root)$'
 label_args=(-LE 'slow|soak' -E "$host_only")
 [[ $with_slow -eq 1 ]] && label_args=(-LE soak -E "$host_only")
 banner "Tests on armv7l under emulation (ctest ${label_args[*]})"
