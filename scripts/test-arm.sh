@@ -145,10 +145,11 @@ fi
 # not depend on the architecture, and the Debug stage of scripts/test.sh runs
 # them: install_consumer and readme_quickstart build programs with a native
 # compiler (under emulation longer than their time limit); docs_reference (Doxygen),
-# abi_exported_symbols (nm), packaging_recipe_files (rpmspec) and
-# scripts_install_deps_without_root (apt) need tools the root does not carry.
+# abi_exported_symbols (nm), packaging_recipe_files (rpmspec),
+# scripts_install_deps_without_root (apt) and scripts_spdx_lines (git) need
+# tools the root does not carry.
 # The soak (label soak) runs once, in the Debug stage.
-host_only='^(install_consumer|readme_quickstart|docs_reference|abi_exported_symbols|packaging_recipe_files|scripts_install_deps_without_root)$'
+host_only='^(install_consumer|readme_quickstart|docs_reference|abi_exported_symbols|packaging_recipe_files|scripts_install_deps_without_root|scripts_spdx_lines)$'
 label_args=(-LE 'slow|soak' -E "$host_only")
 [[ $with_slow -eq 1 ]] && label_args=(-LE soak -E "$host_only")
 banner "Tests on armv7l under emulation (ctest ${label_args[*]})"

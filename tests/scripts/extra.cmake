@@ -14,3 +14,12 @@ add_test(NAME scripts_private_bus_other_users
         ${PROJECT_SOURCE_DIR}/scripts $<TARGET_FILE:bus_peer>)
 set_tests_properties(scripts_private_bus_other_users PROPERTIES
     LABELS unit TIMEOUT 120 SKIP_RETURN_CODE 77)
+
+# The licence lines: scripts/spdx.sh on a scratch tree (what it adds where,
+# idempotence, --check), and --check on this tree.
+add_test(NAME scripts_spdx_script
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/spdx_test.sh ${PROJECT_SOURCE_DIR}/scripts)
+set_tests_properties(scripts_spdx_script PROPERTIES LABELS unit TIMEOUT 60)
+add_test(NAME scripts_spdx_lines
+    COMMAND bash ${PROJECT_SOURCE_DIR}/scripts/spdx.sh --check ${PROJECT_SOURCE_DIR})
+set_tests_properties(scripts_spdx_lines PROPERTIES LABELS unit TIMEOUT 60)
