@@ -75,7 +75,10 @@ cleanup() {
 trap cleanup EXIT
 chmod 755 "$work"
 
-as_runner "$PEER" serve-quiet shared </dev/null >"$work/peer.out" 2>"$work/peer.err" &
+# setpriv itself in the background (not the shell function): it execs the
+# peer, so $! is the peer's pid and the cleanup ends the peer.
+setpriv --reuid="$RUNNER" --regid="$RUNNER_GROUP" --clear-groups -- "$PEER" serve-quiet shared \
+    </dev/null >"$work/peer.out" 2>"$work/peer.err" &
 peer_pid=$!
 ready=0
 for _ in $(seq 1 600); do

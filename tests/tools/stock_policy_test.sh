@@ -119,8 +119,10 @@ start_daemon() {
 # start_endpoint NAME USER GROUP: "bus_peer serve weather" as USER.
 start_endpoint() {
     local name=$1 user=$2 group=$3
-    as_user "$user" "$group" "$PEER" serve "$ENDPOINT" </dev/null \
-        >"$WORK/$name.out" 2>"$WORK/$name.err" &
+    # setpriv itself in the background (not the shell function): it execs
+    # the peer, so $! is the peer's pid and the cleanup ends the peer.
+    setpriv --reuid="$user" --regid="$group" --clear-groups -- "$PEER" serve "$ENDPOINT" \
+        </dev/null >"$WORK/$name.out" 2>"$WORK/$name.err" &
     PIDS+=($!)
 }
 
