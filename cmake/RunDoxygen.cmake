@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # cmake -DDOXYGEN=... -DDOXYFILE=... -DWARNINGS=... -P RunDoxygen.cmake
 # Runs Doxygen and fails when it warned about anything: the warnings go to
 # a file (WARN_LOGFILE), printed here when there are any.

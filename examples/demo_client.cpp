@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The demo's client: a UI application that talks to the "weather" service
 // (examples/demo_service.cpp) over the bus.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The demo's service: a background daemon named "weather" that answers
 // messages on the bus and broadcasts a "forecast" signal.
 //

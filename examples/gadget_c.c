@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A UI gadget written in C on the pelx_ interface, built as the module
  * libug-hello_c.so that a host loads by the name "hello_c"

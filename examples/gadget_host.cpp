@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A host UI application that embeds two UI gadgets: "hello_cpp"
 // (examples/gadget_cpp.cpp, on TCGadgetActivity) and "hello_c"
 // (examples/gadget_c.c, on the pelx_ interface).

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCEventIO.h
  * TCEventIO: a cross-thread mailbox bound to one GLib main context.

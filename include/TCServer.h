@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCServer.h
  * TCServer: one endpoint on the D-Bus system bus.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file pelx.h
  * The plain-function interface of harvo-fw, usable from C and from any

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that building, testing, the demo and the
 # benchmarks of harvo-fw need. Safe to run again and again: when every
 # package is already installed it touches nothing and returns at once.

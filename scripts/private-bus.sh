@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # A private D-Bus daemon standing in for the system bus, so that the demo,
 # the tools and local experiments never touch the machine's real bus.
 #

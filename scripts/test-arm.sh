@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The tests on the devices' architecture, 32-bit ARM (armv7l), under
 # emulation:
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // harvo-bus: talk to harvo-fw endpoints on the D-Bus system bus from the
 // command line. Built on the framework itself: a proxy endpoint (a
 // connection without a bus name) checks, sends and listens; emitting a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The other endpoint of the cross-process bus tests.
 //
 //   bus_peer serve NAME

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Signals: emission, native and managed subscriptions with qualified and
 // plain keys, unsubscription and dispatch, inside one process and from the
 // peer program.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The record functions of the C interface, used from C: every exported
  * record function is called, null records included. Prints a summary and

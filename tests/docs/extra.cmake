@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The documentation's links: every page under docs/ is reachable from the
 # README and from the API reference's front page, and the links between
 # pages work both on a repository browser and in the Doxygen reference.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The documentation's links: every page under docs/ is linked from the
 # README and from the API reference's front page (docs/mainpage.md), and is
 # read by Doxygen (docs/Doxyfile.in); every relative link points at a file

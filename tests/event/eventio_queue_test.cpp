@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The event IO queue driven by the test's own thread: the test dispatches
 // the IO's context step by step, so every handler call must run on it.
 #include <gtest/gtest.h>

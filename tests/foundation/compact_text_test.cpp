@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compact text of a body is the JsonCpp compact writer's text, byte
 // for byte, for every kind of tree: the library puts plain trees together
 // itself and must never differ from the writer.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A body's tree is the JsonCpp reader's tree, node for node (type, value,
 // offsets, no comments), and a text it refuses is refused with its error:
 // the library reads plain bodies itself and must never differ from it.

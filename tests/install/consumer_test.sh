@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Install test: installs a built tree into a scratch prefix (never /usr),
 # then proves the installed files are enough to build and run a client:
 #   - the library's SONAME is libharvo-fw.so.0, with the usual symlinks;

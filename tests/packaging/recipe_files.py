@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Compares what `cmake --install` installs with the %files sections of the
 package recipe, so that the two cannot drift apart.
 

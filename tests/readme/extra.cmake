@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The README's quick start, taken out of README.md verbatim, built against
 # the installed library with pkg-config and with find_package, and run on a
 # private bus. Sanitizer builds skip it, as they skip install_consumer: the

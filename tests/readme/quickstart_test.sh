@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The README's quick start, as written there: its marked code blocks are
 # taken out of README.md verbatim, built against the installed library (a
 # scratch prefix, never /usr) once through pkg-config and once through

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The scripts' own tests: install-deps.sh run without root says how to get
 # root instead of failing obscurely (needs root to switch users: skipped
 # otherwise).

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # scripts/private-bus.sh serves every user, as a system bus does: a bus
 # started by root is reached by a process run as "nobody", both when the
 # script runs a command and when another script sources it; a service run

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # scripts/spdx.sh on a scratch tree: the licence line goes first, or second
 # after a "#!" line, in each file type's comment syntax; data and
 # documentation are left alone; a second run changes nothing; --check lists

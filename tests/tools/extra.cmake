@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The command-line tool's tests run it as a child process against the bus
 # tests' private bus and peer program.
 file(GLOB HARVO_TOOL_TEST_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/*_test.cpp)

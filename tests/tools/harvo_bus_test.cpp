@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The harvo-bus command-line tool, run as a child process against the
 // private bus: availability, synchronous and asynchronous sends with JSON
 // and buffers, emitting and listening, and its answers to bad input.

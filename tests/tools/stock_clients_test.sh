@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Stock D-Bus clients call an endpoint's two methods the way the guide
 # (docs/guide.md, "Calling an endpoint from stock tools") shows, against the
 # test peer on a private bus. The interface describes the buffer as "a*",

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A gadget module written in C on the pelx interface, for the gadget tests.
  * libug-cgadget.so sets every callback; libug-cgadgetmin.so only create_cb.

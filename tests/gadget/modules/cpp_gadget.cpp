@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A gadget module written in C++ on TCGadgetActivity, for the gadget tests.
 // Built as libug-cppgadget.so (no bus), libug-cppgadgetbus.so (bus server)
 // and libug-cppdefault.so (no hook overridden at all).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The older include spelling, <harvo-fw.h> and single headers by their
 // bare names, still compiles against the installed files: programs written
 // before <harvo-fw/harvo-fw.h> build unchanged.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program built only from harvo-fw's installed headers and library: it
 // makes a message from JSON text, copies it, and makes the framework write
 // an error line to the platform log (a semaphore that was never created
