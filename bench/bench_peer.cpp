@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * harvo-bench-peer: the other process of the bus rows.
  *

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Instructions per round trip of one case of harvo-roundtrip-driver, in
 # each process, from two callgrind runs with different counts:
 #   (Ir(N2) - Ir(N1)) / (N2 - N1)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * harvo-bench: the framework against its substrate, side by side.
  *

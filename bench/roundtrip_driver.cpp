@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * harvo-roundtrip-driver: one round-trip case of the bench alone, for
  * instruction counting.

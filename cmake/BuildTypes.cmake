@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sanitizer build types. Asan = AddressSanitizer + UndefinedBehaviorSanitizer,
 # Tsan = ThreadSanitizer. Both keep debug information and frame pointers so
 # reports are readable, and UBSan findings abort instead of being printed.

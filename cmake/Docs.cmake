@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The API reference: `cmake --build <build> --target docs` runs Doxygen over
 # the public headers into <build>/docs/html/. The target, and the test
 # docs_reference that runs it, fail on any Doxygen warning (an undocumented

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # harvo_install_pkgconfig(TEMPLATE NAME)
 #
 # Installs NAME.pc made from TEMPLATE. Every @VAR@ of the template is

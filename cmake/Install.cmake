@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 include(CMakePackageConfigHelpers)
 
 set(HARVO_INCLUDE_INSTALL_DIR ${CMAKE_INSTALL_INCLUDEDIR}/harvo-fw)

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Runs an armv7l program built with armhf-toolchain.cmake.
 #
 # Usage: arm-run.sh ROOT PROGRAM [ARG...]

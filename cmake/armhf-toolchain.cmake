@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Cross-compiles for 32-bit ARM (armv7l, hard float), the architecture of
 # the devices, with Debian's armhf cross compiler. The libraries come from an
 # armhf Debian root (scripts/test-arm.sh makes one) used as the sysroot.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The demo's client: a UI application that talks to the "weather" service
 // (examples/demo_service.cpp) over the bus.
 //
@@ -21,7 +22,7 @@
 #include <string>
 
 #include <app.h>
-#include <harvo-fw.h>
+#include <harvo-fw/harvo-fw.h>
 
 using Quelt::TCMessage;
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The demo's service: a background daemon named "weather" that answers
 // messages on the bus and broadcasts a "forecast" signal.
 //
@@ -19,7 +20,7 @@
 #include <string>
 #include <thread>
 
-#include <harvo-fw.h>
+#include <harvo-fw/harvo-fw.h>
 
 using Quelt::TCAlarm;
 using Quelt::TCEventIO;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A tour of harvo-fw's event core: a worker task, the three ways to post an
 // event to it, an alarm on its loop, and a clean shutdown.
 //
@@ -18,7 +19,7 @@
 #include <string>
 #include <thread>
 
-#include <harvo-fw.h>
+#include <harvo-fw/harvo-fw.h>
 
 using Quelt::TCAlarm;
 using Quelt::TCEvent;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A tour of harvo-fw's foundation: log lines, locks and the message record.
 //
 // The narration goes to standard output; the framework's own log lines go
@@ -14,7 +15,7 @@
 #include <string>
 #include <thread>
 
-#include <harvo-fw.h>
+#include <harvo-fw/harvo-fw.h>
 
 using Quelt::TCMessage;
 using Quelt::TCMutex;

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A UI gadget written in C on the pelx_ interface, built as the module
  * libug-hello_c.so that a host loads by the name "hello_c"
@@ -19,7 +20,7 @@
 #include <stdlib.h>
 
 #include <app_control.h>
-#include <pelx.h>
+#include <harvo-fw/pelx.h>
 #include <ui-gadget-module.h>
 
 /* The gadget's own data, handed back to every callback. */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A UI gadget written in C++ on Quelt::TCGadgetActivity, built as the module
 // libug-hello_cpp.so that a host loads by the name "hello_cpp"
 // (examples/gadget_host.cpp embeds it).
@@ -16,7 +17,7 @@
 #include <cstdio>
 #include <string>
 
-#include <TCGadgetActivity.h>
+#include <harvo-fw/TCGadgetActivity.h>
 
 using Quelt::TCGadgetActivity;
 using Quelt::TCMessage;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A host UI application that embeds two UI gadgets: "hello_cpp"
 // (examples/gadget_cpp.cpp, on TCGadgetActivity) and "hello_c"
 // (examples/gadget_c.c, on the pelx_ interface).
@@ -30,8 +31,8 @@
 
 #include <app.h>
 #include <app_control.h>
-#include <harvo-fw.h>
-#include <TCGadgetProxy.h>
+#include <harvo-fw/harvo-fw.h>
+#include <harvo-fw/TCGadgetProxy.h>
 #include <ui-gadget-host.h>
 
 using Quelt::TCGadgetProxy;

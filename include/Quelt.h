@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file Quelt.h
  * Free functions of the framework namespace.

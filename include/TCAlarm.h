@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCAlarm.h
  * TCAlarm: a periodic timer firing on the loop of an event IO, and the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCApplication.h
  * TCApplication: the one application object of a process.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCEvent.h
  * Events and the interfaces of their receivers.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCEventIO.h
  * TCEventIO: a cross-thread mailbox bound to one GLib main context.
@@ -46,7 +47,9 @@ public:
     /** Last step of Init, on the initialising thread; false fails Init.
      *  Default true. */
     virtual bool t_Init();
-    /** First step of Final. Default nothing. */
+    /** A teardown hook for derived classes, the counterpart of t_Init.
+     *  The framework never calls it (Final does not): an override of Final
+     *  that needs it calls it itself. Default nothing. */
     virtual void t_Final();
     /** Releases what codes 3, 4 and 6 carry; code 5 empties the queue. */
     virtual void t_Clear(TCEvent* event);

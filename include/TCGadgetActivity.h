@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCGadgetActivity.h
  * TCGadgetActivity: the module side of a UI gadget.

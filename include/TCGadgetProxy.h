@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCGadgetProxy.h
  * TCGadgetProxy: the host side of a UI gadget.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCLock.h
  * Lock primitives: a counting semaphore and a recursive mutex built on it.

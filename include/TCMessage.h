@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCMessage.h
  * TCData: a message body kept both as text and as its parsed JSON tree.

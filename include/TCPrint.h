@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCPrint.h
  * TCPrint: a scope tracer for client code. Logs "[IN]" on construction and,

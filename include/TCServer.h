@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCServer.h
  * TCServer: one endpoint on the D-Bus system bus.
@@ -124,7 +125,14 @@ public:
      *  any sender). \p handler (null: IfMessageReceived with the signal's
      *  name) runs with \p userData (not owned) in the main context that is
      *  the thread-default of the calling thread. \return false, with a log
-     *  line, on failure; subscribing again replaces the callback. */
+     *  line, on failure.
+     *
+     *  Subscribing again to the same named \p from and \p signalName (of
+     *  the same kind, native or managed) keeps the first callback and user
+     *  data and returns true; unsubscribe first to change them. With a null
+     *  \p from every call adds one more bus subscription: the last callback
+     *  given replaces the earlier ones and runs once per subscription, so
+     *  twice after two calls. */
     bool SubscribeSignal(const char* from, const char* signalName, TCNativeSignalHandler handler,
                          void* userData);
     bool SubscribeManagedSignal(const char* from, const char* signalName,
@@ -132,7 +140,10 @@ public:
     ///@}
     ///@{
     /** Cancels a subscription made with the same \p from and \p signalName.
-     *  \return false when there is none. */
+     *  \return true whether or not there was one; false, with the log line
+     *  "dbus connection is not open", when \p from is null or the
+     *  endpoint's connection is not open. A subscription made with a null
+     *  \p from cannot be cancelled singly: closing the endpoint ends it. */
     bool UnSubscribeSignal(const char* from, const char* signalName);
     bool UnSubscribeManagedSignal(const char* from, const char* signalName);
     ///@}
@@ -146,7 +157,8 @@ public:
     ///@{
     /** Static forms: \p source names one of this process's servers, the
      *  rest is the member form's; false, with a log line, when there is no
-     *  such server. */
+     *  such server, and (but for the key forms) when \p from is null: through
+     *  them a subscription always names its sender. */
     static bool SendSignal(const char* source, const char* signalName, const TCMessage* message);
     static bool SubscribeSignal(const char* source, const char* from, const char* signalName,
                                 TCNativeSignalHandler handler, void* userData);

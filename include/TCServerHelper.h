@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCServerHelper.h
  * Bus naming and payload packing. Stateless; every function is static.

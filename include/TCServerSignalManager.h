@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCServerSignalManager.h
  * TCServerSignalManager: the per-server table of signal subscriptions.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCTask.h
  * TCTask: a worker thread with its own GLib main context and loop, running

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCWrapperGadgetActivity.h
  * TCWrapperGadgetActivity: a gadget activity whose hooks forward to the C

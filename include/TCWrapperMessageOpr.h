@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file TCWrapperMessageOpr.h
  * Conversions between the framework's classes and the plain records of the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file harvo-fw.h
  * Umbrella header: everything the framework offers to C++ clients.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * \file pelx.h
  * The plain-function interface of harvo-fw, usable from C and from any
@@ -136,11 +137,14 @@ PELX_API bool pelx_send_signal(const char* source, const char* signalName, pelx_
 typedef void (*pelx_signal_handler)(const char* from, const char* signalName,
                                     pelx_message_s* message, void* userData);
 /** Subscribes |source| to |signalName| emitted by the server |from|
- * (required). */
+ * (required). Subscribing again to the same |from| and |signalName| keeps
+ * the first callback and user data and returns true. */
 PELX_API bool pelx_subscribe_signal(const char* source, const char* from, const char* signalName,
                                     pelx_signal_handler handler, void* userData);
-/** Cancels the subscription of |source| to |signalName| from |from|; false
- * when there is none. */
+/** Cancels the subscription of |source| to |signalName| from |from|: true
+ * whether or not there was one; false, with a log line, when |from| is
+ * null, |source| names no server of this process or its connection is not
+ * open. */
 PELX_API bool pelx_unsubscribe_signal(const char* source, const char* from, const char* signalName);
 
 /** Gadgets written in C. The gadget fills a pelx_gadget_activity_ops record

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Helpers for the armhf root that scripts/test-arm.sh builds and tests in.
 # Sourced, not run. Needs root (debootstrap, mount, chroot).
 #

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Counts per event / per round trip for the event and signal rows of the
 # bench: system calls (the kernel's syscall tracepoints through perf stat,
 # or strace -f -c where perf cannot read them) and instructions

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds harvo-fw and its benchmarks in Release (build-bench/) and prints
 # one table: every row runs the framework case and its reference in the
 # same process, alternating, with both figures and their ratio.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Guards the binary interface of the shared libraries against accidental
 # change. Builds libharvo-fw and the host platform layer in Release with
 # debug information, describes their interface with abidw (libabigail) and

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The main job: installs the dependencies, builds harvo-fw and its examples
 # (RelWithDebInfo, in build-demo/) and runs the demo:
 #

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Formats the C and C++ sources with the repository's .clang-format.
 #
 # Usage: scripts/format.sh [--check]

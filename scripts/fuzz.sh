@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the libFuzzer harnesses of tests/fuzz (clang, AddressSanitizer +
 # UndefinedBehaviorSanitizer, in build-fuzz/) and runs each of them in turn
 # on a fresh copy of its starting inputs (tests/fuzz/corpus/<harness>/; the

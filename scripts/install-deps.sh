@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that building, testing, the demo and the
 # benchmarks of harvo-fw need. Safe to run again and again: when every
 # package is already installed it touches nothing and returns at once.
@@ -31,6 +32,7 @@ PACKAGES=(
     linux-perf           # scripts/bench-counts.sh: system calls per event (tracepoints)
     valgrind             # instructions per event / round trip (bench-counts.sh, bench/callgrind_roundtrip.sh)
     python3
+    python3-dbus         # the guide's dbus-python call of an endpoint (tests/tools)
     strace               # lock tests count wake-up calls; bench-counts.sh where perf cannot
     # the system-bus policy test runs a service as an unprivileged user
     util-linux           # setpriv

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # A private D-Bus daemon standing in for the system bus, so that the demo,
 # the tools and local experiments never touch the machine's real bus.
 #
@@ -14,7 +15,9 @@
 #
 # CONFIG defaults to scripts/system-bus.conf (system-bus semantics, every
 # name and call allowed). The daemon listens on a socket in a fresh
-# temporary directory; both are removed when the bus stops.
+# temporary directory; both are removed when the bus stops. The directory
+# is open to every user (mode 0755), as a system bus's is: a service run as
+# another user (setpriv, su) reaches the socket too.
 
 HARVO_PRIVATE_BUS_DIR=""
 HARVO_PRIVATE_BUS_PID=""
@@ -43,6 +46,11 @@ harvo_private_bus_start() {
     fi
     HARVO_PRIVATE_BUS_DIR=$(mktemp -d "${TMPDIR:-/tmp}/harvo-bus.XXXXXX") || return 1
     trap harvo_private_bus_stop EXIT
+    # mktemp makes the directory 0700; other users must reach the socket.
+    chmod 0755 "$HARVO_PRIVATE_BUS_DIR" || {
+        harvo_private_bus_stop
+        return 1
+    }
     # --fork returns once the daemon listens and has written its address
     # and pid to the two descriptors.
     if ! dbus-daemon --config-file="$config" \

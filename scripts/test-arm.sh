@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The tests on the devices' architecture, 32-bit ARM (armv7l), under
 # emulation:
 #
@@ -20,9 +21,9 @@
 #   --mirror URL  the Debian mirror to make the root from (as
 #                 HARVO_ARM_MIRROR)
 #
-# install_consumer, the soak and the tests of the build machine's own tools
-# (Doxygen, nm, rpmspec, apt) never run here; the Debug stage of
-# scripts/test.sh runs them.
+# install_consumer, readme_quickstart, the soak and the tests of the build
+# machine's own tools (Doxygen, nm, rpmspec, apt) never run here; the Debug
+# stage of scripts/test.sh runs them.
 #
 # Environment:
 #   HARVO_BUILD_PREFIX  directory that holds build-arm-root/ and build-arm/
@@ -159,12 +160,13 @@ fi
 
 # Tests of the build machine's tools do not run here; what they check does
 # not depend on the architecture, and the Debug stage of scripts/test.sh runs
-# them: install_consumer builds programs with a native compiler (under
-# emulation longer than its time limit); docs_reference (Doxygen),
-# abi_exported_symbols (nm), packaging_recipe_files (rpmspec) and
-# scripts_install_deps_without_root (apt) need tools the root does not carry.
+# them: install_consumer and readme_quickstart build programs with a native
+# compiler (under emulation longer than their time limit); docs_reference (Doxygen),
+# abi_exported_symbols (nm), packaging_recipe_files (rpmspec),
+# scripts_install_deps_without_root (apt) and scripts_spdx_lines (git) need
+# tools the root does not carry.
 # The soak (label soak) runs once, in the Debug stage.
-host_only='^(install_consumer|docs_reference|abi_exported_symbols|packaging_recipe_files|scripts_install_deps_without_root)$'
+host_only='^(install_consumer|readme_quickstart|docs_reference|abi_exported_symbols|packaging_recipe_files|scripts_install_deps_without_root|scripts_spdx_lines)$'
 label_args=(-LE 'slow|soak' -E "$host_only")
 [[ $with_slow -eq 1 ]] && label_args=(-LE soak -E "$host_only")
 banner "Tests on armv7l under emulation (ctest ${label_args[*]})"

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The test command: installs the dependencies, then builds and runs the
 # test suite in three configurations, and runs the stages below:
 #

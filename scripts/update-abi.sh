@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Regenerates the binary-interface baseline under abi/ from a fresh Release
 # build (see scripts/check-abi.sh). Run it when a change of the interface is
 # deliberate, and commit abi/ with that change.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Which application object has been destroyed (internal to the library).
 //
 // g_pAppBase is never cleared, so it may outlive the object it points at,

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The bus interface of every endpoint (internal to the library; the
 // benchmarks read it too, to register a raw object with the very same
 // description).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The marshalled size of a message and the return of freed heap.
 
 #include "BusLimits.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * What a message costs on the bus (internal to the library): its size as
  * D-Bus marshals it, checked against the bus daemon's limit before anything

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Reading bus payloads into messages (internal to the library).
 #ifndef HARVO_FW_SRC_BUSPAYLOAD_H
 #define HARVO_FW_SRC_BUSPAYLOAD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeping endpoints alive while other threads use them: tokens, pins and
 // the waits of CloseDBusServer. See EndpointGuard.h.
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Keeping endpoints alive while other threads use them (internal to the
  * library).

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * What the framework's own events carry in param.p (internal to the
  * library). Every payload is made on the heap by the sender and released by

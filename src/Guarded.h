@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Calling application code from C frames (internal to the library).
 //
 // GLib, the UI gadget library and the platform's application loop call the

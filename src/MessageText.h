@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The text a message copy carries (internal to the library).
 #ifndef HARVO_FW_SRC_MESSAGETEXT_H
 #define HARVO_FW_SRC_MESSAGETEXT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Free functions of namespace Quelt.
 
 #include "Quelt.h"

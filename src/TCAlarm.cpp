@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCAlarm: periodic timers on an event IO's loop, and the millisecond tick.
 
 #include "TCAlarm.h"

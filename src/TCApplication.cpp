@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCApplication: the process's application object and its lifecycle
 // callbacks.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCEvent (the event record) and the TCIOBase interface.
 
 #include "TCEvent.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCEventIO: the event queue bound to one GLib main context.
 
 #include "TCEventIO.h"

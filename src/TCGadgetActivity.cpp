@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module side of a UI gadget: the library's callbacks, the activity's
 // lifecycle and the gadget half of the host/gadget information exchange.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host side of a UI gadget: the proxy registry, the library's callbacks
 // and the host half of the host/gadget information exchange.
 

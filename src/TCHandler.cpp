@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The lock classes (TCSemaphore, TCMutex) and QUELT_INFINITY, and the
 // defaults of the event handler interface (TCHandler).
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scope tracing under the tag "WPERF", and the kernel timing marker.
 
 #include "TCPrint.h"

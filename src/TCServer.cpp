@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCServer: construction, the hooks' defaults, the process-wide registry of
 // created servers, creating and closing the endpoint on the system bus, the
 // name callbacks and the service-presence query. Message exchange lives in

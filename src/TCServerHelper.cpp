@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bus naming and payload packing: the names an endpoint is known by on the
 // bus, and the unpacking of the "(suss)" / "(sussa(y))" payloads.
 

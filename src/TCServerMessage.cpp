@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCServer: request/reply messages between endpoints.
 //
 // Endpoints of this process are reached directly (a synchronous send calls

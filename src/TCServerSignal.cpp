@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCServer: signals. A server emits named signals on its own object and
 // interface; subscribers match on the sender's interface name and the
 // member only, so a named sender is found in whatever process it lives.

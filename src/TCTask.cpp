@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCTask: a worker thread with its own main context and loop.
 
 #include "TCTask.h"

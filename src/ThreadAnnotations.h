@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Hand-overs the race detector cannot see.
 //
 // GLib's own locks (its futex-based GMutex, the main context's lock) are

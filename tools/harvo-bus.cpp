@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // harvo-bus: talk to harvo-fw endpoints on the D-Bus system bus from the
 // command line. Built on the framework itself: a proxy endpoint (a
 // connection without a bus name) checks, sends and listens; emitting a
@@ -22,9 +23,9 @@
 #include <string>
 #include <vector>
 
-#include "TCMessage.h"
-#include "TCServer.h"
-#include "TCServerHelper.h"
+#include <harvo-fw/TCMessage.h>
+#include <harvo-fw/TCServer.h>
+#include <harvo-fw/TCServerHelper.h>
 
 #if __has_include(<dlog-host.h>)
 #include <dlog-host.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported functions of the C interface: creation, release, getters
 // and setters of pelx_message_s and pelx_event_s, and sending messages,
 // events and signals by server name.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported functions for gadgets written in C: the callback record,
 // its setters and getters, and the module entry and exit.
 

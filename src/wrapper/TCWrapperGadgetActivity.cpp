@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A gadget activity that forwards each hook to the C gadget's callbacks.
 
 #include "TCWrapperGadgetActivity.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conversions between TCMessage/TCEvent and the plain records of the C
 // interface, and the owners that hold a record for one C callback.
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The dynamic symbol tables of the two libraries hold their public
 # interface and nothing else:
 #   - libharvo-fw: names in namespace Quelt (never Quelt::detail) with their

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What the shared libraries export: the public interface only.
 add_test(NAME abi_exported_symbols
     COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/exported_symbols_test.sh

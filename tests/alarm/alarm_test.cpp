@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCAlarm: binding to an IO's loop, arming, counts, stopping from the
 // callback, Reset and Destroy from the callback and from another thread, and
 // the thread the callback runs on.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared pieces of the application tests: an application of each type that
 // records its hooks, the way each type's loop is ended, and the private bus
 // with the peer program of the bus tests.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The entry point and the application object: AppMain's refusals,
 // g_pAppBase, the project name every log line carries, the types fixed by
 // the two concrete classes and the order of the hooks' virtual slots.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A daemon service: AppMain runs it on its own GLib main loop over the
 // default context, stored in the server part, until a handler quits that
 // loop; creation failures still run OnTerminate.

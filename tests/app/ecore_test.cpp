@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An Ecore service (a TCApplication subclass of type ECORE_SERVICE): AppMain
 // runs it on the Ecore loop until ecore_main_loop_quit; a refused creation
 // still terminates.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A UI application: AppMain runs it through the platform's UI application
 // loop (the host's, here): create, the launch request, pause/resume and the
 // language change raised by the platform, terminate.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // While AppMain's loop runs, each application type serves its event queue,
 // bus messages from another process, the signals it subscribed to and the
 // replies to its own asynchronous sends, all on the main thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An application whose own hooks throw: the exception stops at the
 // framework's callback, one error line names it, and the lifecycle goes on
 // (a create that threw fails like a refused one; a terminate that threw

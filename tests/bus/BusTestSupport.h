@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared pieces of the bus tests: the private bus, a peer process, stock
 // tools run as children, main-context pumping, a recording server and the
 // friend that reaches TCServer's private members.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two minutes of sustained calls between two processes on the private bus:
 // synchronous calls from two threads of this process to a peer, and bursts
 // of asynchronous calls from the peer to this process. Every call is

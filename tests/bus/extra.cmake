@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The bus tests: a peer program that plays the other endpoint across
 # processes, and the private bus configuration every bus test starts.
 add_executable(bus_peer ${CMAKE_CURRENT_LIST_DIR}/peer.cpp)

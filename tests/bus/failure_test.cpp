@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Failures of the bus library that a healthy bus does not produce on its
 // own. This program defines two GIO functions itself; the dynamic linker
 // resolves the library's calls to them here first, and they forward to GIO

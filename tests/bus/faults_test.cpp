@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An endpoint under pressure: floods of requests for a busy worker, closes
 // and deletes racing with senders and late replies, messages too large for
 // the bus, memory after large buffers, a close while a send waits and a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A hostile or buggy peer against an endpoint: payloads of foreign shapes
 // (requests and signals), buffers as stock tools send them, application
 // code that throws, names that cannot become bus names, and a service that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Creating and closing bus endpoints, the name callbacks and the
 // service-presence query, on a private system bus.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An endpoint whose bus daemon dies: the process keeps running, one error
 // line says which endpoint lost what, every later call fails with false and
 // its own line, and closing and creating again reaches a new daemon.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Large buffers across processes. Every byte of the buffer travels as an
 // array element of its own, which GDBus packs and unpacks one by one: a
 // mebibyte each way takes seconds.

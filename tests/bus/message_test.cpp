@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Request/reply messages: across processes over a private bus (the peer
 // program plays the other endpoint), inside one process without the bus,
 // and the handling moved to an event IO.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The other endpoint of the cross-process bus tests.
 //
 //   bus_peer serve NAME
@@ -45,9 +46,9 @@
 #include <sstream>
 #include <string>
 
-#include "TCServer.h"
 #include <dlog-host.h>
 #include <glib-unix.h>
+#include <harvo-fw/TCServer.h>
 
 namespace {
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Signals: emission, native and managed subscriptions with qualified and
 // plain keys, unsubscription and dispatch, inside one process and from the
 // peer program.
@@ -350,6 +351,41 @@ TEST_F(InProcessSignals, ANullSenderTwiceDeliversTwice) {
     // Both deliveries name the sender.
     EXPECT_EQ(inbox.At(0).from, "em");
     EXPECT_EQ(inbox.At(1).from, "em");
+}
+
+TEST_F(InProcessSignals, SubscribingAgainToANamedSenderKeepsTheFirstCallback) {
+    Inbox first;
+    Inbox second;
+    ASSERT_TRUE(sub_.SubscribeSignal("em", "ping", NativeHandler, &first));
+    EXPECT_TRUE(sub_.SubscribeSignal("em", "ping", NativeHandler, &second));
+    ASSERT_TRUE(sub_.SubscribeManagedSignal("em", "pong", ManagedHandler, &first));
+    EXPECT_TRUE(sub_.SubscribeManagedSignal("em", "pong", ManagedHandler, &second));
+    EmitAndSettle("ping", nullptr);
+    EmitAndSettle("pong", nullptr);
+    ASSERT_EQ(first.Count(), 2u);
+    EXPECT_EQ(first.At(0).signal, "ping");
+    EXPECT_EQ(first.At(1).signal, "pong");
+    EXPECT_EQ(second.Count(), 0u);
+    // Unsubscribing first is how the callback changes.
+    ASSERT_TRUE(sub_.UnSubscribeSignal("em", "ping"));
+    ASSERT_TRUE(sub_.SubscribeSignal("em", "ping", NativeHandler, &second));
+    EmitAndSettle("ping", nullptr);
+    EXPECT_EQ(first.Count(), 2u);
+    EXPECT_EQ(second.Count(), 1u);
+}
+
+TEST_F(InProcessSignals, ANullSenderAgainRunsTheLastCallbackOncePerSubscription) {
+    Inbox first;
+    Inbox second;
+    {
+        // The second store replaces the first record, which stays allocated.
+        [[maybe_unused]] harvo_bus_test::AcceptedLeak replaced;
+        ASSERT_TRUE(sub_.SubscribeSignal(nullptr, "ping", NativeHandler, &first));
+    }
+    ASSERT_TRUE(sub_.SubscribeSignal(nullptr, "ping", NativeHandler, &second));
+    EmitAndSettle("ping", nullptr);
+    EXPECT_EQ(first.Count(), 0u);
+    EXPECT_EQ(second.Count(), 2u);
 }
 
 TEST_F(InProcessSignals, APlainSubscriptionHearsEverySender) {

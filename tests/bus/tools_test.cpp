@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stock D-Bus tools as clients of an endpoint of this process: gdbus
 // introspect and call, dbus-send with wrong arguments, dbus-monitor.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The C interface used from C: records_c is compiled by the C compiler and
 # links only the shared library.
 add_executable(records_c ${CMAKE_CURRENT_LIST_DIR}/records_c.c)

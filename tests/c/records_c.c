@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The record functions of the C interface, used from C: every exported
  * record function is called, null records included. Prints a summary and
@@ -8,7 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "pelx.h"
+#include <harvo-fw/pelx.h>
 
 static int g_passed = 0;
 static int g_failed = 0;

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the demo's service and client on a private bus, twice: the service
 # first (the client finds it with IsServiceAvailable), then the client first
 # (it waits for the service's "service_start_default" announcement). Each

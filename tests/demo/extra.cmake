@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The README's main job as a test: the demo's service and client run on a
 # private bus and must end with status 0 after the whole conversation.
 # The programs are the examples themselves, so the test needs them built;

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the gadget example host (examples/gadget_host.cpp) with its two
 # gadget modules and checks that it ends with status 0 after both gadgets
 # answered and closed.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared pieces of the event tests: a peer into TCEventIO's private state,
 // handlers that record every call (with the thread it ran on), and a loop
 // that runs on a thread of its own.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The event record, the handler interface's defaults and the IO base.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Programming errors around the event IO end the process through fatal
 // assertions; each is proven in a death test.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A handler that runs a main loop of its own on the queue's context: the
 // queue never hands it the next event before it returns, and the nested
 // loop does not spin on the wake bytes that wait meanwhile.

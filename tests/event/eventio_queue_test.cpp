@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The event IO queue driven by the test's own thread: the test dispatches
 // the IO's context step by step, so every handler call must run on it.
 #include <gtest/gtest.h>
@@ -270,6 +271,29 @@ TEST(EventIOFinal, NeverInitialisedIoRefusesEverything) {
     EXPECT_EQ(2u, capture.CountFramework(DLOG_INFO, "m_FlagCreate is false"));
     io.Final();
     EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "already final"));
+}
+
+namespace {
+
+// Counts the calls of the teardown hook.
+class TeardownCountingIO : public RecordingIO {
+public:
+    using RecordingIO::RecordingIO;
+    void t_Final() override { ++teardowns; }
+    int teardowns = 0;
+};
+
+}  // namespace
+
+TEST(EventIOFinal, DoesNotCallTheTeardownHook) {
+    LocalLoop local;
+    TeardownCountingIO io("hook");
+    ASSERT_TRUE(io.Init(local.loop));
+    io.Final();
+    EXPECT_EQ(0, io.teardowns);
+    // The hook is the derived class's to call.
+    io.t_Final();
+    EXPECT_EQ(1, io.teardowns);
 }
 
 // ---------------------------------------------------------------------------

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Synchronous sends whose receiver does not run in time: the sender waits
 // twenty seconds and still reports success.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The event IO across threads: a loop running on a thread of its own,
 // synchronous sends, pings, and a flood of events.
 #include <gtest/gtest.h>

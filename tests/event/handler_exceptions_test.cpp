@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Application code that throws where GLib calls the framework: an event
 // handler (asynchronous and synchronous events), an alarm callback and a
 // task's main function. Each exception becomes one error line and the loop

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Matching a log text against a shape in which every '#' stands for a run
 // of decimal digits (a line number, a duration); everything else must be
 // equal character for character.

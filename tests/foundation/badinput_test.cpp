@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bad input for the message record: empty and invalid texts, nesting far
 // beyond the reader's limit, embedded NUL characters, a 64 MiB buffer.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCData: text and tree side by side, parsing, generating, the const and
 // non-const GetMessage, GetString, GetError, copy versus assignment.
 #include <gtest/gtest.h>

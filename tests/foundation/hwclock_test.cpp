@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // core_hw_clock's marker text: prefix, 200-byte bound, length argument and
 // result. This program defines its own prctl, which the library's call
 // resolves to (the executable comes first in symbol lookup), so the marker

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Comments in JSON bodies: accepted on input, never written back. A kept
 // "//" comment used to be written before the closing brace of the one-line
 // text ('{"a":1 // note}'), which no JSON reader accepts.

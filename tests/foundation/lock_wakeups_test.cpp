@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The lock classes wake a waiter only when there is one: a give or an
 // unlock that nobody waits for makes no system call, and every give that
 // has a waiter still wakes exactly one.

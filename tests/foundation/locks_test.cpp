@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCSemaphore and TCMutex: counting, timeouts (0, finite, QUELT_INFINITY),
 // recursion depth, unlock by a non-owner, Destroy and Try after Destroy.
 //

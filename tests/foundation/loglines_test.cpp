@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The framework log line: shape, colour per priority, base name of the
 // source file, function, line, project name. The fatal assertion, whose
 // helper the library does not export, is tested in internal/assert_test.cpp.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCMessage: code, type, the owned buffer through copies and assignment,
 // SetBuffer, GetBuffer, CopyBuffer, and the regenerating assignment.
 #include <gtest/gtest.h>

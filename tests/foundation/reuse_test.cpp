@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Each thread reads and writes bodies with one reader and one writer that
 // live as long as the thread: nothing of one body may show in the next.
 // A failed parse (also one the reader aborts by throwing), a long body

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCPrint's "WPERF" lines, core_hw_clock against the real kernel, the
 // millisecond tick and the project name.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tick and TCPrint's durations at the 32-bit wrap. This program
 // defines its own clock_gettime, which the library's call resolves to, so
 // the monotonic clock can be set just below 2^32 milliseconds; until a

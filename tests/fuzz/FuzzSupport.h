@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Helpers shared by the fuzz harnesses.
 #ifndef HARVO_FUZZ_FUZZSUPPORT_H
 #define HARVO_FUZZ_FUZZSUPPORT_H

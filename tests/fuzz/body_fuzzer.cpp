@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz harness: the message body. The input is taken as body text, as it
 // arrives from a peer; the harness parses it (TCData, TCMessage), copies it
 // every way the framework does (copy constructors, both assignments),

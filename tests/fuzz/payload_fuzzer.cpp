@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz harness: the unpacking of bus payloads. The input chooses a GVariant
 // type (one of the shapes a peer may really send, or a type string taken
 // from the input) and supplies the serialised bytes, which GLib loads as

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz harness: the C records of the plain-function interface. The input is
 // a little program: each step is one opcode byte followed by its operands,
 // and runs one of the pelx_* creators, setters, getters and destroyers, or

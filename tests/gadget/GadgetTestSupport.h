@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared pieces of the gadget tests: the trace the test modules write to,
 // a recording host proxy, and app-control helpers.
 #ifndef HARVO_TEST_GADGET_TEST_SUPPORT_H

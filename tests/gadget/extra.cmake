@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Gadget modules for the gadget tests, loaded through the host UI gadget
 # library from one directory (GADGET_TEST_MODULE_DIR).
 set(HARVO_GADGET_MODULE_DIR ${CMAKE_CURRENT_BINARY_DIR}/gadget-modules)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module side of UI gadgets: the activity's callbacks and lifecycle, and
 // the gadget half of the information exchange, driven through the host UI
 // gadget library with the test modules.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Gadgets with a bus server: created by the library's create callback and
 // reached from another process.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Gadget hooks that throw, on the host side: the UI gadget library calls
 // the proxy from C, so an exception stops at the proxy's callback with one
 // error line, and a question the host's hook could not answer still gets

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Gadgets written in C: the callback record, its setters and getters, the
 // module entry and exit, and the forwarding of the wrapper activity.
 

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# Install test: installs a built tree into a scratch prefix, then proves the
-# installed files are enough to build and run a client:
+# SPDX-License-Identifier: Apache-2.0
+# Install test: installs a built tree into a scratch prefix (never /usr),
+# then proves the installed files are enough to build and run a client:
 #   - the library's SONAME is libharvo-fw.so.0, with the usual symlinks;
-#   - every installed header compiles on its own with pkg-config's flags;
-#   - consumer/main.cpp builds with `pkg-config --cflags --libs harvo-fw`;
-#   - consumer/ builds as a CMake project with find_package(harvo-fw);
+#   - every installed header compiles on its own with pkg-config's flags,
+#     included as <harvo-fw/NAME.h> and by the older spelling <NAME.h>;
+#   - consumer/ (main.cpp includes <harvo-fw/harvo-fw.h>, legacy_include.cpp
+#     <harvo-fw.h>) builds with `pkg-config --cflags --libs harvo-fw`, and
+#     as a CMake project with find_package(harvo-fw);
 #   - both programs run, print the copied JSON text and make the framework
 #     write its log line for a refused Try;
 #   - neither program links the platform library, which it does not call
@@ -27,6 +30,9 @@ cxx=${5:-c++}
 prefix="$work/prefix"
 rm -rf "$work"
 mkdir -p "$work"
+case "$prefix" in
+    /usr | /usr/*) echo "FAIL: the scratch prefix $prefix is below /usr" >&2; exit 1 ;;
+esac
 
 fail() {
     echo "FAIL: $*" >&2
@@ -65,7 +71,10 @@ cflags=$(pkg-config --cflags harvo-fw) || fail "pkg-config --cflags harvo-fw fai
 libs=$(pkg-config --libs harvo-fw) || fail "pkg-config --libs harvo-fw failed"
 echo "cflags: $cflags"
 echo "libs:   $libs"
-[[ "$cflags" == *"-I$prefix/include/harvo-fw"* ]] || fail "cflags do not point into the prefix"
+[[ " $cflags " == *" -I$prefix/include "* ]] ||
+    fail "cflags lack -I$prefix/include, which <harvo-fw/harvo-fw.h> needs"
+[[ " $cflags " == *" -I$prefix/include/harvo-fw "* ]] ||
+    fail "cflags lack -I$prefix/include/harvo-fw, which the older <harvo-fw.h> needs"
 [[ "$libs" == *"-L$libdir"* ]] || fail "libs do not point into the prefix"
 
 step "pkg-config: minimum versions, the platform only where it is needed"
@@ -90,19 +99,22 @@ host_requires=$(pkg-config --print-requires harvo-host-platform)
 grep -q "^glib-2.0 >= [0-9]" <<<"$host_requires" ||
     fail "harvo-host-platform.pc: no minimum version for glib-2.0"
 
-step "compiling every installed header on its own"
+step "compiling every installed header on its own, as <harvo-fw/NAME> and as <NAME>"
 for header in "$prefix"/include/harvo-fw/*.h; do
     name=$(basename "$header")
-    # shellcheck disable=SC2086  # the flags are words
-    echo "#include <$name>" | "$cxx" -std=c++17 -fsyntax-only -Wall -Wextra -x c++ - $cflags ||
-        fail "installed header $name does not compile on its own"
-    case "$name" in
-        pelx*.h)
-            # shellcheck disable=SC2086
-            echo "#include <$name>" | cc -std=c11 -fsyntax-only -Wall -Wextra -x c - $cflags ||
-                fail "installed C header $name does not compile as C"
-            ;;
-    esac
+    for spelling in "harvo-fw/$name" "$name"; do
+        # shellcheck disable=SC2086  # the flags are words
+        echo "#include <$spelling>" |
+            "$cxx" -std=c++17 -fsyntax-only -Wall -Wextra -x c++ - $cflags ||
+            fail "installed header <$spelling> does not compile on its own"
+        case "$name" in
+            pelx*.h)
+                # shellcheck disable=SC2086
+                echo "#include <$spelling>" | cc -std=c11 -fsyntax-only -Wall -Wextra -x c - $cflags ||
+                    fail "installed C header <$spelling> does not compile as C"
+                ;;
+        esac
+    done
 done
 
 # check_run PROGRAM: runs a consumer and checks its output and log line.
@@ -122,7 +134,8 @@ check_run() {
 
 step "building with g++ and pkg-config"
 # shellcheck disable=SC2086
-"$cxx" -std=c++17 -Wall -Wextra -o "$work/consumer-pkgconfig" "$consumer_dir/main.cpp" $cflags $libs ||
+"$cxx" -std=c++17 -Wall -Wextra -o "$work/consumer-pkgconfig" "$consumer_dir/main.cpp" \
+    "$consumer_dir/legacy_include.cpp" $cflags $libs ||
     fail "building the consumer with pkg-config's flags failed"
 check_run "$work/consumer-pkgconfig"
 

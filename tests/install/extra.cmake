@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build tree into a scratch prefix and builds a consumer
 # program against the installed files, once through pkg-config and once
 # through find_package(harvo-fw). Sanitizer builds skip it: the consumer

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fatal assertion of the library's own code. Its helper is internal (the
 // shared library does not export it), so this program links the library's
 // internal archive instead of the shared library.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The payload a sender builds field by field is the value g_variant_new
 // makes from the formats "(suss)" and "(suss@a*)": same type, same
 // serialised bytes.

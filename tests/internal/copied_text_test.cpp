@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The text a sender reads in place of a message copy is the copy's text,
 // whatever state the body is in, and reading it leaves the body untouched.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Payload shapes as the receiving paths see them: which shapes may reach
 // application code, and a plain byte array read as the buffer. The
 // documented helper AnalyseServerMsg keeps ignoring every other shape.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The wire size the endpoint computes before sending bounds what GDBus
 // really marshals, from above and closely, so a message it lets through
 // never exceeds the bus's limit and one it refuses would have been close.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The plain-function tests run against the private bus of the bus tests, with
 # the bus tests' peer program as the endpoint in another process.
 file(GLOB HARVO_MANAGED_TEST_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/*_test.cpp)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plain-function sending interface: messages (asynchronous and
 // synchronous), events and signals through pelx_message_s/pelx_event_s
 // records, against servers of this process and the peer program in

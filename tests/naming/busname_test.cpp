@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bus naming: legal bus names, object paths, the process name and the bus
 // name of an endpoint (registered in this process or not).
 #include <gtest/gtest.h>

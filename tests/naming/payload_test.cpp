@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bus payloads: "(suss)" and "(suss@a*)" built as a sender builds them,
 // read back as they arrive, and turned into a TCMessage.
 #include <gtest/gtest.h>

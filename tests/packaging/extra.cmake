@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The package recipe against the install: rpmspec must parse it, and its
 # %files sections must list exactly what `cmake --install` installs.
 find_program(HARVO_RPMSPEC rpmspec)

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Compares what `cmake --install` installs with the %files sections of the
 package recipe, so that the two cannot drift apart.
 
@@ -10,6 +11,11 @@ of BUILD_DIR under prefix /usr. Fails when an installed file is in no
 %files section, when one is in two sections, or when a %files entry
 matches nothing that is installed. The host platform layer is left out: the
 recipe builds against the Tizen platform, where that layer is not built.
+Entries marked %license or %doc with a relative path name files of the
+source tree (rpm copies them): each must exist beside the recipe's
+directory. The main package must carry the licence, and no package may
+install a system-bus policy: the only one in the tree is the demo's, which
+would let root own its name on every device.
 
 Before the real comparison the check proves it can fail: a recipe without
 the harvo-bus line must leave /usr/bin/harvo-bus uncovered, and one with an
@@ -64,8 +70,13 @@ def install_dirs(build_dir):
     return dirs
 
 
-def parse_recipe(recipe, dirs):
-    """{package: [entry, ...]} of the recipe's %files sections."""
+# A %license or %doc entry with a relative path: a file of the sources.
+SOURCE_DOCUMENT = re.compile(r"^%(license|doc)\s+([^/%\s]\S*)$")
+
+
+def parse_recipe(recipe, dirs, documents):
+    """{package: [entry, ...]} of the recipe's %files sections; the source
+    documents go to |documents| as (package, path)."""
     command = ["rpmspec", "-P", recipe]
     for macro, value in dirs.items():
         command += ["--define", "%s %s" % (macro, value)]
@@ -84,6 +95,10 @@ def parse_recipe(recipe, dirs):
                 files.setdefault(current, [])
             continue
         if current is None or not line or line.startswith("#") or DIRECTIVES.match(line):
+            continue
+        document = SOURCE_DOCUMENT.match(line)
+        if document:
+            documents.append((current, document.group(2)))
             continue
         only_dir = bool(re.search(r"%dir\s", line))
         path = QUALIFIERS.sub("", line)
@@ -149,9 +164,20 @@ def main():
     installed = [p for p in installed_all if not HOST_ONLY.search(p)]
     print("installed: %d files (%d of the host platform layer left out)"
           % (len(installed), len(installed_all) - len(installed)))
-    files = parse_recipe(recipe, dirs)
+    documents = []
+    files = parse_recipe(recipe, dirs, documents)
     for package, entries in sorted(files.items()):
         print("%%files %s: %s" % (package, " ".join(e[0] for e in entries)))
+    source_root = os.path.dirname(os.path.dirname(os.path.abspath(recipe)))
+    for package, path in documents:
+        print("%%files %s: %s from the sources" % (package, path))
+        if not os.path.isfile(os.path.join(source_root, path)):
+            fail("%%files %s names %s, which the sources do not have" % (package, path))
+    if ("main", "LICENSE") not in documents:
+        fail("the main package does not carry the licence (%license LICENSE)")
+    policies = [p for p in installed if "/dbus-1/" in p]
+    if policies:
+        fail("a bus policy is installed: %s" % " ".join(policies))
 
     # The comparison must be able to fail.
     tool = dirs["_bindir"] + "/harvo-bus"

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Another language on the C interface: Python's ctypes and nothing else.
 
 The program loads libharvo-fw.so.0, becomes a framework endpoint through

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The C interface from another language: a Python program that uses only
 # the standard library's ctypes, on a private bus. Not in sanitizer builds:
 # an uninstrumented interpreter cannot load an instrumented library.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs ctypes_signal.py on a private bus under an interpreter named
 # "harvo_python". Without an application in the process, a gadget's bus name
 # starts with the executable's file name, and an interpreter called, say,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conversions between TCMessage/TCEvent and the C records, in both
 // directions, and the wrappers that hold a record for one callback.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Byte layout of the records that cross the library's C boundary: the
 // exported records of pelx.h and the UI gadget library's records that the
 // library fills or reads. Each size and offset is written out for both

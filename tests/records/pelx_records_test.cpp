@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The C records: layout, the exported create/destroy/get/set functions and
 // their null-record behaviour, and the ownership rules (setters take over
 // without releasing; destroy releases only what the record owns).

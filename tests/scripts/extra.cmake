@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The scripts' own tests: install-deps.sh run without root says how to get
 # root instead of failing obscurely (needs root to switch users: skipped
 # otherwise).
@@ -16,3 +17,21 @@ set_tests_properties(scripts_leftover_processes PROPERTIES LABELS unit TIMEOUT 6
 add_test(NAME scripts_apt_mirror
     COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/apt_mirror_test.sh ${PROJECT_SOURCE_DIR}/scripts)
 set_tests_properties(scripts_apt_mirror PROPERTIES LABELS unit TIMEOUT 60)
+
+# The private bus of scripts/private-bus.sh serves other users too: a
+# client and a service run as nobody reach it (needs root: skipped
+# otherwise, with the reason).
+add_test(NAME scripts_private_bus_other_users
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/private_bus_test.sh
+        ${PROJECT_SOURCE_DIR}/scripts $<TARGET_FILE:bus_peer>)
+set_tests_properties(scripts_private_bus_other_users PROPERTIES
+    LABELS unit TIMEOUT 120 SKIP_RETURN_CODE 77)
+
+# The licence lines: scripts/spdx.sh on a scratch tree (what it adds where,
+# idempotence, --check), and --check on this tree.
+add_test(NAME scripts_spdx_script
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/spdx_test.sh ${PROJECT_SOURCE_DIR}/scripts)
+set_tests_properties(scripts_spdx_script PROPERTIES LABELS unit TIMEOUT 60)
+add_test(NAME scripts_spdx_lines
+    COMMAND bash ${PROJECT_SOURCE_DIR}/scripts/spdx.sh --check ${PROJECT_SOURCE_DIR})
+set_tests_properties(scripts_spdx_lines PROPERTIES LABELS unit TIMEOUT 60)

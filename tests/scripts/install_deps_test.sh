@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # scripts/install-deps.sh run by a user who is not root, with a package
 # missing: it must not try to install, exit 1, and say how to run it as
 # root (and through sudo only where sudo exists). With nothing missing it

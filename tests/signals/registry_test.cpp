@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The signal subscription registry: two independent tables, the two key
 // forms and their precedence, removal of one subscription and of all.
 #include <gtest/gtest.h>

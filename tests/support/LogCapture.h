@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Captures every platform log line written while a LogCapture is alive,
 // and helpers to build and take apart the framework's line shape:
 //   "<file>: <func>(<line>) > <colour> [<project>]<text>\033[0m\n"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A private dbus-daemon for tests that need a real bus.
 
 #include "PrivateBus.h"

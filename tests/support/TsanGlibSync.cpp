@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ThreadSanitizer cannot see GLib's lock primitives: on Linux GMutex,
 // GRecMutex and GCond are built from atomics and futex calls inside libglib,
 // which is not instrumented, so every section they protect (the count of a

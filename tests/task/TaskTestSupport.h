@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Helpers shared by the task and alarm tests: cross-thread signals, a
 // journal of what ran on which thread, a probe task with every hook
 // recorded, and an IO that records its Init/Final.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Many producers, one task: eight threads post their events into one task
 // at the same time while the task's handler checks each producer's sequence.
 // No event may be lost or run twice, each producer's order must hold, every

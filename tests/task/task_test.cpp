@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCTask: the thread, its loop and IO list, the order of Init/Final, the
 // hooks, initInCaller, Destroy (from another thread, from the task's own
 // handler, after the thread ended by itself, without a thread) and the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The harvo-bus command-line tool, run as a child process against the
 // private bus: availability, synchronous and asynchronous sends with JSON
 // and buffers, emitting and listening, and its answers to bad input.
@@ -219,7 +220,7 @@ TEST(HarvoBusToolPolicy, ThePackagedPolicyIsWhatTheToolPrints) {
     const Outcome outcome = RunTool({"policy", "weather", "--user", "root"});
     EXPECT_EQ(0, outcome.status);
     EXPECT_EQ(outcome.All(), packaged) << "regenerate: harvo-bus policy weather --user root > "
-                                          "packaging/dbus-1/harvo-fw-weather.conf";
+                                          "examples/dbus-1/harvo-fw-weather.conf";
 }
 
 TEST(HarvoBusToolPolicy, RefusesWhatCannotGoIntoAPolicy) {

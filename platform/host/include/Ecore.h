@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Ecore: the subset of EFL's core loop that harvo-fw uses. On Tizen the
  * Ecore loop is built on GLib's default main context; this host version

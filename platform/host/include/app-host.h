@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Host-only extension of the UI application loop: lets tests and examples
  * play the part of the platform, which on a device raises pause, resume and

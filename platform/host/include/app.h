@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The UI application loop: the subset of Tizen's application framework
  * that harvo-fw uses. Host implementation with the same names, types and

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Host-only extension of app control: lets tests and tools look inside a
  * bundle. Not part of Tizen's app control; never include it from framework

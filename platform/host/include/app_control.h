@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * App control: the subset of Tizen's app control that harvo-fw uses, a
  * bundle of string key/value pairs passed between a host and a gadget.

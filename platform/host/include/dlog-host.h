@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Host-only extension of the platform log: lets tests and tools observe
  * every line (priority, tag, fully formatted text) and silence stderr.

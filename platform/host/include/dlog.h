@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Platform log: the subset of Tizen's dlog that harvo-fw uses.
  * Host implementation: lines go to standard error in dlogutil's

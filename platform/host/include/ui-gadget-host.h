@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Host-only extension of the UI gadget library: where modules are found.
  * Not part of Tizen's UI gadget library; never include it from framework

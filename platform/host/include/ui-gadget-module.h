@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * UI gadget library, module side (ui-gadget-1): the operations a gadget
  * module gives the library, and the calls a gadget makes back.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * UI gadget library, host side (ui-gadget-1): the host application creates,
  * drives and destroys gadgets, and receives their results.

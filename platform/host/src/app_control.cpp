@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host implementation of app control: a bundle of string key/value pairs.
 //
 // Each bundle has its own lock, so one bundle may be filled and read from

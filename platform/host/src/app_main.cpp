@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host implementation of the UI application loop on GLib's default main
 // context.
 //

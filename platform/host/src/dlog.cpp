@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host implementation of the platform log.
 //
 // Every line is formatted once, handed to the capture sink (if any) and

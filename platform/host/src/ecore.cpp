@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host implementation of Ecore's main loop on GLib's default main context.
 //
 // The loop iterates the default context itself instead of running a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host implementation of the UI gadget library (ui-gadget-1): loads gadget
 // modules with dlopen and drives them synchronously on the caller's thread.
 // The order of every operation is documented in ui-gadget-host.h.

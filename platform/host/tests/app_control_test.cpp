@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host app control: create, add, replace, get, missing keys, refused
 // arguments, destroy.
 #include <gtest/gtest.h>

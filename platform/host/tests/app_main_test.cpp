@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host UI application loop: create, the launch request, the loop on GLib's
 // default context until ui_app_exit or SIGINT/SIGTERM, then terminate; the
 // host raises pause, resume and system events onto the running loop.

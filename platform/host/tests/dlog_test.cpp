@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host platform log: the capture sink, the dlogutil-shaped copy on
 // standard error, refused arguments, long lines and concurrent writers.
 #include <gtest/gtest.h>

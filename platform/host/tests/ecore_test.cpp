@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host Ecore: reference counting, and a main loop that serves GLib's
 // default main context until it is told to quit, from inside or from
 // another thread.

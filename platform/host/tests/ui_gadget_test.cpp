@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the host UI gadget library: loading modules by name and the order
 // in which module operations and host callbacks run.
 

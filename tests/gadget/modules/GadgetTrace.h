@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Reports from the test gadget modules to the test program, which exports
 // gadget_test_trace(); looked up at run time so that a module has no
 // link-time tie to a particular test program.

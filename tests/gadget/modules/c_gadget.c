@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A gadget module written in C on the pelx interface, for the gadget tests.
  * libug-cgadget.so sets every callback; libug-cgadgetmin.so only create_cb.
@@ -8,7 +9,7 @@
 #include <string.h>
 
 #include <app_control.h>
-#include <pelx.h>
+#include <harvo-fw/pelx.h>
 #include <ui-gadget-module.h>
 
 #include "GadgetTrace.h"

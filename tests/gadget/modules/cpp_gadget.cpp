@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A gadget module written in C++ on TCGadgetActivity, for the gadget tests.
 // Built as libug-cppgadget.so (no bus), libug-cppgadgetbus.so (bus server)
 // and libug-cppdefault.so (no hook overridden at all).
@@ -8,11 +9,12 @@
 //     answer is traced as "host:<type>:<info>"
 //   the answer to the host's question is "gadget-type" / {"from":"cpp"}
 
+#include <harvo-fw/TCGadgetActivity.h>
+
 #include <cstdlib>
 #include <string>
 
 #include "GadgetTrace.h"
-#include "TCGadgetActivity.h"
 
 using Quelt::TCGadgetActivity;
 using Quelt::TCMessage;

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A raw gadget module (no framework) that reports every message it gets as
  * "keys:<count>:<mode>:<type>:<info>", so tests see exactly what a host sent.

@@ -1,15 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program built only from harvo-fw's installed headers and library: it
 // makes a message from JSON text, copies it, and makes the framework write
 // an error line to the platform log (a semaphore that was never created
-// refuses Try). Prints what it saw; exits non-zero on any surprise.
+// refuses Try). Prints what it saw; exits non-zero on any surprise. It
+// includes the headers as every program should, <harvo-fw/harvo-fw.h>;
+// legacy_include.cpp uses the older spelling.
 
 #include <cstdio>
 #include <string>
 
-#include <harvo-fw.h>
+#include <harvo-fw/harvo-fw.h>
+
+std::string LegacyIncludeType();  // legacy_include.cpp
 
 int main() {
     int failures = 0;
+    if (LegacyIncludeType() != "legacy") {
+        std::printf("FAIL: the older spelling's message lost its type\n");
+        ++failures;
+    }
 
     Quelt::TCMessage message;
     message.m_code = 42;

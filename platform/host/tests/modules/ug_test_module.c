@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Gadget modules for the UI gadget library's own tests. One source, built
  * several times:
