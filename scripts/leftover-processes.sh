@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Finds the processes a test run left behind: those started since a given
 # moment whose executable or command line lies under one of the given
 # directories (an argument that is such a path, or an option such as

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who owns a bus name. See NameOwners.h.
 //
 // Asks the daemon each time; callers on hot paths will want the answer

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The body's JSON reader and writer: JsonCpp's, with the plain reader and
 // writer in front of them where this build has them (see PlainJson.h).
 

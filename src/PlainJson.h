@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // How a message body's JSON text is read and written (internal to the
 // library): JsonCpp's reader and compact writer, set up once per thread,
 // and in front of them a plain reader and writer for the common case of a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCData (JSON body kept as text and tree) and TCMessage. How a body's text
 // is read into a tree and written back is PlainJson.cpp's.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a fuzz harness once on each file of a directory, without libFuzzer:
 // every build (gcc included, every build type) replays the harnesses'
 // starting inputs, and a broken invariant aborts as it does in a fuzzing

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Every fuzz harness, linked with a plain driver (SeedReplay.cpp) instead of
 # libFuzzer, replays its starting inputs (corpus/<harness>/) as a test in
 # every build: fuzz_<harness>_seeds. Fuzzing itself is scripts/fuzz.sh's.

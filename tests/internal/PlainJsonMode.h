@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Which way this build reads and writes message bodies, for the tests that
 // compare the plain reader and writer with JsonCpp's: they run in both
 // modes and say in which one they ran.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plain reader (src/PlainJson.h) and the body that uses it: a body's
 // tree is the JsonCpp reader's tree, node for node (type, value, offsets,
 // no comments), and a text it refuses is refused with its error. Where the

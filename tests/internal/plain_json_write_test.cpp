@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plain writer (src/PlainJson.h) and the body that uses it: the
 // compact text of a body is the JsonCpp compact writer's text, byte for
 // byte, for every kind of tree. Where the build has the plain writer, it

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The armv7l stage's Debian mirror, read from APT sources as scripts/arm-root.sh
 # reads them (arm_apt_mirror), on sample configurations written here: the
 # one-line and the deb822 forms, the order APT reads the files in, and what

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # scripts/leftover-processes.sh, the test command's check for processes a
 # test left running, on a scratch tree of its own (never the real one,
 # where other tests run at the same time):

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # An endpoint on a system bus with the stock Debian policy (deny own "*",
 # deny method calls), run by an unprivileged user as on a real system:
 #
