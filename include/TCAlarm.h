@@ -17,6 +17,9 @@
 namespace Quelt {
 
 class TCEventIO;
+namespace detail {
+struct AlarmTimeouts;
+}
 
 /** A periodic timer that fires on the loop of an event IO: Create, then
  *  SetAlarmCallback arms it; it fires every interval until the count is
@@ -47,6 +50,10 @@ public:
     static unsigned long GetTickCount();
 
 private:
+    /** The timeout source holds the alarm's lock block, not the alarm, and
+     * reaches m_GSourceFunc through this while the alarm exists. */
+    friend struct detail::AlarmTimeouts;
+
     static gboolean m_GSourceFunc(void* alarm);
     void m_AttachSource();
 

@@ -45,6 +45,9 @@
 namespace Quelt {
 
 class TCEventIO;
+namespace detail {
+struct ServerCallbacks;
+}
 
 /** The underlying type is fixed so that any other value (a registry entry
  * without bus name or object) is a valid value of the type. */
@@ -227,6 +230,9 @@ private:
 
     /** Tests reach the private helpers through this peer. */
     friend class TCServerTestPeer;
+    /** What GLib and GDBus call: they hold the endpoint's token, never the
+     * server, and reach the callbacks above only while it is open. */
+    friend struct detail::ServerCallbacks;
     /** The event IO runs in-process messages (code 3) through SendMessage. */
     friend class TCEventIO;
     /** AppMain stores the daemon's loop in m_mainLoop. */
