@@ -19,9 +19,9 @@ namespace detail {
 struct EndpointState {
     TCServer* server;  // null once the close has begun
     std::string name;
-    int pins = 0;    // pins held on every thread
-    int sends = 0;   // of which the server's own sends in flight
-    int parked = 0;  // pins of threads that wait in this endpoint's close or create
+    int pins = 0;           // pins held on every thread
+    int sends = 0;          // of which the server's own sends in flight
+    int parked = 0;         // pins of threads that wait in this endpoint's close or create
     bool detached = false;  // the close ended: pins going later leave the server alone
 };
 

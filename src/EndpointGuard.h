@@ -84,7 +84,7 @@ private:
     void Release();
 
     EndpointToken m_token;
-    TCServer* m_server = nullptr;     // what the token named when pinned
+    TCServer* m_server = nullptr;      // what the token named when pinned
     volatile gint* m_count = nullptr;  // the send count raised with this pin
 };
 
@@ -121,8 +121,8 @@ const std::string& CallbackRefName(gpointer ref);
 class SendInFlight {
 public:
     enum Start {
-        kStarted,   // counted (and pinned when the endpoint is open)
-        kClosing,   // the endpoint is being closed: nothing was counted
+        kStarted,  // counted (and pinned when the endpoint is open)
+        kClosing,  // the endpoint is being closed: nothing was counted
     };
     /* Call with the server's close lock held, as senders do. */
     SendInFlight(TCServer* server, volatile gint* count);

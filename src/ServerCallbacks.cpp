@@ -15,13 +15,10 @@ const char* OrEmpty(const char* text) {
     return text != nullptr ? text : "";
 }
 
-
 }  // namespace
 
-const GDBusInterfaceVTable ServerCallbacks::kObjectVTable = {ServerCallbacks::MethodCall,
-                                                             nullptr,
-                                                             nullptr,
-                                                             {nullptr}};
+const GDBusInterfaceVTable ServerCallbacks::kObjectVTable = {
+    ServerCallbacks::MethodCall, nullptr, nullptr, {nullptr}};
 
 void ServerCallbacks::NameAcquired(GDBusConnection* connection, const gchar* name, gpointer ref) {
     EndpointPin pin = PinCallbackRef(ref);

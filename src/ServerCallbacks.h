@@ -32,8 +32,8 @@ struct ServerCallbacks {
                            GDBusMethodInvocation* invocation, gpointer ref);
     /* g_dbus_connection_signal_subscribe. */
     static void Signal(GDBusConnection* connection, const gchar* senderName,
-                       const gchar* objectPath, const gchar* interfaceName,
-                       const gchar* signalName, GVariant* parameters, gpointer ref);
+                       const gchar* objectPath, const gchar* interfaceName, const gchar* signalName,
+                       GVariant* parameters, gpointer ref);
     /* The vtable the endpoint's object is registered with. */
     static const GDBusInterfaceVTable kObjectVTable;
 };

@@ -26,6 +26,7 @@ namespace {
 
 // A synchronous sender waits at most this long for the receiver (20 s).
 const unsigned long kSyncWaitUs = 20000000UL;
+std::atomic<unsigned long> g_syncWaitOverrideUs{0};
 // A ping waits at least this long, whatever its caller asked for.
 const unsigned long kPingMinimumUs = 2100UL;
 // The loop only tries the lock for 1 ms, so that a sender holding it never
@@ -156,8 +157,10 @@ void AbandonOrAwait(SyncCall* call, TCEvent* event) {
         return;  // answered or dropped at the last moment
     call->awaitsHandler = true;
     guard.unlock();
-    QLOGW("synchronous event %d: its handler still runs after 20 s; waiting for it to return",
-          event->type);
+    QLOGW(
+        "synchronous event %d for %s: its handler still runs when the wait ends; the sender "
+        "waits for it to return",
+        event->type, event->receiver->GetEventIO()->GetName().c_str());
     call->pair[0].Take();
 }
 
@@ -181,8 +184,8 @@ gboolean RunQueuedSyncEvent(QueuedSyncEvent* queued) {
         }
     }
     if (!senderWaits) {
-        QLOGW("synchronous event %d ran after its sender had stopped waiting (20 s), on a copy",
-              target->type);
+        QLOGW("synchronous event %d for %s runs on a copy: its sender stopped waiting for it",
+              target->type, target->receiver->GetEventIO()->GetName().c_str());
     }
     // A handler that throws still releases its waiting sender below.
     QUELT_CALL_GUARDED("OnEvent", [&] { target->receiver->OnEvent(target); });
@@ -276,9 +279,9 @@ struct WakeWatch {
     gboolean dispatching;
     // Between the loop's thread and a Final on another thread.
     GMutex guard;
-    GCond idle;          // signalled when a dispatch returns
-    GThread* runner;     // the thread inside a dispatch, or null
-    gboolean detached;   // Final ran: no later dispatch reaches the IO
+    GCond idle;         // signalled when a dispatch returns
+    GThread* runner;    // the thread inside a dispatch, or null
+    gboolean detached;  // Final ran: no later dispatch reaches the IO
 };
 
 WakeWatch* AsWakeWatch(GSource* source) {
@@ -483,6 +486,15 @@ TCEventIO* ServingIO(const TCEvent* event) {
 }
 
 }  // namespace
+
+unsigned long detail::SyncWaitUs() {
+    const unsigned long override_us = g_syncWaitOverrideUs.load();
+    return override_us != 0 ? override_us : kSyncWaitUs;
+}
+
+void detail::SetSyncWaitUsForTests(unsigned long us) {
+    g_syncWaitOverrideUs.store(us);
+}
 
 // ---------------------------------------------------------------------------
 // Construction
@@ -944,7 +956,7 @@ bool TCEventIO::SendSyncEvent(TCEvent* event) {
         return false;
     }
     // A timed-out wait reports success as well.
-    if (!pair[0].Try(kSyncWaitUs))
+    if (!pair[0].Try(detail::SyncWaitUs()))
         AbandonOrAwait(call, event);
     pair[1].Give();
     Unref(call);

@@ -373,8 +373,8 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
         std::lock_guard<std::mutex> tables(detail::SignalTablesMutex());
         found = server->m_signalManager.GetHandlerForNativeSignal(signalName, key, nativeHandler,
                                                                   nativeData) ||
-                server->m_signalManager.GetHandlerForManagedSignal(signalName, key,
-                                                                   managedHandler, managedData);
+                server->m_signalManager.GetHandlerForManagedSignal(signalName, key, managedHandler,
+                                                                   managedData);
     }
     if (!found) {
         QLOGI("no register info of %s", key.c_str());

@@ -19,9 +19,9 @@ namespace {
 // wait for good), and the thread must not be left running on a task that
 // goes away.
 struct TaskRun {
-    bool started = false;  // the loop was built, or failed to be
+    bool started = false;   // the loop was built, or failed to be
     bool loopRuns = false;  // built: t_Main runs (or is about to)
-    bool ended = false;    // the thread is done with the task
+    bool ended = false;     // the thread is done with the task
 };
 
 std::mutex& TaskRunsMutex() {
