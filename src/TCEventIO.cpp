@@ -585,11 +585,16 @@ void TCEventIO::Final() {
         return;
     }
 
-    // From another thread, the loop's dispatch must be over first: the
-    // drain below does not take the lock, as it runs on the loop's thread
-    // (or with the loop stopped) by design.
+    // From another thread, the loop's dispatch must be over first, and
+    // senders must stop appending: the drain below does not take the lock,
+    // as it runs on the loop's thread (or with the loop stopped) by design,
+    // and a list appended to while it is drained is corrupted. Senders see
+    // the queue destroyed from here on, as they would once Final returned.
     if (m_pWatch != nullptr)
         DetachWakeWatch(m_pWatch, m_Name);
+    m_Lock.Lock();
+    m_FlagCreate = false;
+    m_Lock.Unlock();
     while (!m_EventList.empty()) {
         TCEvent* event = m_EventList.front();
         m_EventList.pop_front();

@@ -21,6 +21,7 @@ namespace {
 struct TaskRun {
     bool started = false;   // the loop was built, or failed to be
     bool loopRuns = false;  // built: t_Main runs (or is about to)
+    bool ending = false;    // the loop is over: the thread finalises and ends
     bool ended = false;     // the thread is done with the task
 };
 
@@ -63,7 +64,8 @@ TCTask::~TCTask() {
         std::lock_guard<std::mutex> guard(TaskRunsMutex());
         auto found = TaskRuns().find(this);
         if (found != TaskRuns().end()) {
-            running = !found->second.ended;
+            // A thread that is ending on its own is only joined below.
+            running = !found->second.ended && !found->second.ending;
             TaskRuns().erase(found);
         }
     }
@@ -191,6 +193,7 @@ gpointer TCTask::m_ThreadProcess(gpointer task) {
     UpdateRun(self, [](TaskRun& run) {
         run.started = true;
         run.loopRuns = false;
+        run.ending = true;
     });
     QUELT_CALL_GUARDED("m_Destroy", [&] { self->m_Destroy(); });
     // The last touch of the task: its owner may delete it from here on.

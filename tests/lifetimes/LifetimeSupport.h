@@ -211,6 +211,18 @@ private:
     std::atomic<int> replied_{0};
 };
 
+// Waits until |done| holds, checking every millisecond, at most |limit|:
+// for conditions that other threads' callbacks change without notifying.
+inline bool WaitUntil(const std::function<bool()>& done, milliseconds limit = kLimit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(milliseconds(1));
+    }
+    return true;
+}
+
 // One round trip to the bus daemon on the process's system bus connection:
 // every message the daemon sent this connection before has been received
 // (and its callbacks queued) when it returns.
