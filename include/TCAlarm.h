@@ -28,7 +28,9 @@ class HARVO_FW_API TCAlarm {
 public:
     /** An unbound alarm. */
     TCAlarm();
-    /** Frees the lock only: an armed alarm must be destroyed first. */
+    /** Frees the lock; an armed alarm should be destroyed first. One that
+     *  was not loses its timeout here (a timeout firing meanwhile on the
+     *  loop's thread is waited for), so no callback comes after. */
     ~TCAlarm();
 
     /** Binds the alarm to \p io's loop (null: the default context).

@@ -92,12 +92,20 @@ public:
     bool CreateDBusProxy();
     ///@}
     /** Removes the endpoint from the process's registry, then waits
-     * (sleeping) until no other thread delivers to it or runs one of its
-     * handlers and its own sends and emissions in flight have returned;
-     * then cancels subscriptions, gives up the name and unregisters the
-     * object. Nothing touches the endpoint after it returns: late replies
-     * and requests still queued for a worker are answered or dropped with
-     * a line. */
+     * (sleeping, without holding the endpoint's lock) until no other thread
+     * delivers to it or runs one of its handlers and its own sends and
+     * emissions in flight have returned; then cancels subscriptions, gives
+     * up the name and unregisters the object. Nothing touches the endpoint
+     * after it returns: late replies, signals, name callbacks and requests
+     * still queued for a worker are answered or dropped with a line.
+     *
+     * A handler on another thread may still call this endpoint meanwhile
+     * (subscribe, send, close, create...): sends are refused ("Server is
+     * going to be closed!"), a second close or a create waits for this one.
+     * The wait for other threads ends after 30 s, with an error line naming
+     * the endpoint and what it still waits for; the close then finishes,
+     * and what still runs leaves the endpoint alone. Call it from any
+     * thread; delete the endpoint only after it returned. */
     void CloseDBusServer();
     /** The same as CloseDBusServer. */
     void CloseDBusProxy();
