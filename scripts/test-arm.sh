@@ -12,11 +12,13 @@
 #      armhf binary run by qemu-arm through binfmt_misc; prints CTest's
 #      summary.
 #
-# Usage: scripts/test-arm.sh [--demo] [--with-slow]
+# Usage: scripts/test-arm.sh [--demo] [--with-slow] [--mirror URL]
 #   --demo        after the build, run the demo (scripts/demo.sh) on the
 #                 armv7l binaries instead of the tests
 #   --with-slow   run the slow tests too (label "slow"; skipped by default:
 #                 under emulation they take longer than the rest together)
+#   --mirror URL  the Debian mirror to make the root from (as
+#                 HARVO_ARM_MIRROR)
 #
 # install_consumer, the soak and the tests of the build machine's own tools
 # (Doxygen, nm, rpmspec, apt) never run here; the Debug stage of
@@ -27,10 +29,15 @@
 #                       (default: the repository root)
 #   HARVO_JOBS          parallel compile jobs (default 2)
 #   HARVO_TEST_JOBS     tests run at once by ctest (default 2)
-#   HARVO_ARM_MIRROR    Debian mirror for the root (default deb.debian.org)
+#   HARVO_ARM_MIRROR    Debian mirror for the root (default: the first
+#                       Debian repository for bookworm with the main
+#                       component in this machine's APT sources, as APT
+#                       reads them: /etc/apt/sources.list, then
+#                       /etc/apt/sources.list.d/*.list and *.sources)
 #
 # Needs root: debootstrap, mount and chroot. Exits non-zero when the root
-# cannot be made, the build fails or a test fails.
+# cannot be made, the build fails, a test fails or the tests leave a
+# process running (listed and ended, as in scripts/test.sh).
 set -uo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -46,19 +53,28 @@ BUILD="$PREFIX/build-arm"
 
 demo=0
 with_slow=0
-for arg in "$@"; do
-    case "$arg" in
+while [[ $# -gt 0 ]]; do
+    case "$1" in
         --demo) demo=1 ;;
         --with-slow) with_slow=1 ;;
+        --mirror)
+            [[ $# -ge 2 && -n $2 ]] || {
+                echo "test-arm.sh: --mirror needs a URL" >&2
+                exit 2
+            }
+            export HARVO_ARM_MIRROR=$2
+            shift
+            ;;
         -h | --help)
             awk 'NR > 1 && !/^#/ { exit } NR > 1 { sub(/^# ?/, ""); print }' "$0"
             exit 0
             ;;
         *)
-            echo "test-arm.sh: unknown option '$arg' (try --help)" >&2
+            echo "test-arm.sh: unknown option '$1' (try --help)" >&2
             exit 2
             ;;
     esac
+    shift
 done
 
 # shellcheck source=SCRIPTDIR/arm-root.sh
@@ -154,13 +170,24 @@ label_args=(-LE 'slow|soak' -E "$host_only")
 banner "Tests on armv7l under emulation (ctest ${label_args[*]})"
 t0=$SECONDS
 log="$BUILD/ctest-output.log"
+since=$(bash "$ROOT/scripts/leftover-processes.sh" --now)
 in_root ctest --test-dir "$BUILD" --output-on-failure --parallel "$TEST_JOBS" \
     "${label_args[@]}" 2>&1 | tee "$log"
 rc=${PIPESTATUS[0]}
 test_time=$((SECONDS - t0))
+# What the tests left running inside the root, seen from this machine: the
+# sources and the build are mounted at their own paths, and every program
+# there lies under the root's directory.
+if ! leftovers=$(bash "$ROOT/scripts/leftover-processes.sh" --kill --since "$since" \
+    --cwd "$BUILD" --cwd "$ARM_ROOT_DIR" "$ROOT" "$BUILD" "$ARM_ROOT_DIR" 2>&1); then
+    echo "$leftovers" | tee -a "$log"
+    left=$(grep -c '^leftover process: ' <<<"$leftovers")
+    [[ $rc -ne 0 ]] || rc=1
+fi
 
 banner "Summary ($(((SECONDS - start) / 60)) min $(((SECONDS - start) % 60)) s)"
 echo "  root: ${root_time} s, build: ${build_time} s, tests: ${test_time} s"
 line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
 echo "  arm: ${line:-ctest did not finish (exit $rc)}"
+[[ ${left:-0} -eq 0 ]] || echo "  arm: $left process(es) left running by tests (listed above, ended)"
 exit "$rc"

@@ -9,6 +9,9 @@
 #                                every test but the slow ones
 #   3. Tsan       (build-tsan/)  ThreadSanitizer, the threaded suites
 #                                (events, tasks, alarms, locks, bus)
+#   3b. JSON      (build-json-fallback/) the JSON tests (label json) again,
+#                                with HARVO_JSON_FAST_PATHS=OFF: JsonCpp reads
+#                                and writes every body (not with --quick)
 #   4. Fuzz       (build-fuzz/)  scripts/fuzz.sh: each libFuzzer harness of
 #                                tests/fuzz for a short while (clang,
 #                                ASan + UBSan); any finding fails the stage
@@ -24,7 +27,7 @@
 #
 # Usage: scripts/test.sh [--quick] [--no-sanitizers] [--arm | --no-arm]
 #   --quick           Debug only, slow tests and the soak skipped
-#   --no-sanitizers   Debug only, slow tests included
+#   --no-sanitizers   Debug and JSON only, slow tests included
 #                     (both skip the fuzz stage and the bench stage)
 #   --arm             run the armv7l stage (the default in a full run)
 #   --no-arm          leave it out
@@ -36,7 +39,13 @@
 #   HARVO_TEST_JOBS     tests run at once by ctest (default 2)
 #   HARVO_FUZZ_SECONDS  how long the fuzz stage runs each harness (default 20)
 #
-# Exits non-zero when any stage fails to build or has a failing test.
+# After each ctest stage, a process started during the stage that still
+# runs from the tree or the stage's build directory (its executable, an
+# argument or its working directory; scripts/leftover-processes.sh) is
+# listed, ended, and fails the stage: tests end what they start.
+#
+# Exits non-zero when any stage fails to build, has a failing test or
+# leaves a process running.
 set -uo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -97,8 +106,18 @@ run_ctest() {
     local stage=$1 dir=$2
     shift 2
     local log="$dir/ctest-output.log"
+    local since
+    since=$(bash "$ROOT/scripts/leftover-processes.sh" --now)
     ctest --test-dir "$dir" --output-on-failure --parallel "$TEST_JOBS" "$@" 2>&1 | tee "$log"
     local rc=${PIPESTATUS[0]}
+    local leftovers left=0
+    if ! leftovers=$(bash "$ROOT/scripts/leftover-processes.sh" --kill --since "$since" \
+        --cwd "$dir" "$ROOT" "$dir" 2>&1); then
+        echo "$leftovers" | tee -a "$log"
+        left=$(grep -c '^leftover process: ' <<<"$leftovers")
+        FAILED_STAGES+=("$stage leftover processes")
+        rc=1
+    fi
     local line total failed
     line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
     if [[ -n "$line" ]]; then
@@ -112,6 +131,7 @@ run_ctest() {
     else
         SUMMARY+=("$(printf '%-6s %s' "$stage:" "ctest did not finish (exit $rc)")")
     fi
+    [[ $left -eq 0 ]] || SUMMARY+=("$(printf '%-6s %s' "$stage:" "$left process(es) left running by tests (listed above, ended)")")
     if [[ $rc -ne 0 ]]; then
         FAILED_STAGES+=("$stage tests")
         return 1
@@ -214,6 +234,23 @@ if [[ $sanitizers -eq 1 ]]; then
             FAILED_STAGES+=("tsan build")
             SUMMARY+=("tsan:  build failed")
         fi
+    fi
+fi
+
+# ---------------------------------------------------------------------------
+# The JSON tests with the plain JSON reader and writer turned off, as in a
+# build against a JsonCpp version they are not proven with: the body's
+# results are then JsonCpp's own. Only those tests are built.
+if [[ $quick -eq 0 ]]; then
+    json_dir="$PREFIX/build-json-fallback"
+    banner "JSON fallback (HARVO_JSON_FAST_PATHS=OFF) build in $json_dir, the JSON tests"
+    BUILD_TARGETS=(json-tests)
+    if configure_and_build "$json_dir" Debug -DHARVO_JSON_FAST_PATHS=OFF \
+        -DHARVO_BUILD_EXAMPLES=OFF; then
+        run_ctest json "$json_dir" -L json
+    else
+        FAILED_STAGES+=("json build")
+        SUMMARY+=("json:  build failed")
     fi
 fi
 

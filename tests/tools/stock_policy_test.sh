@@ -38,13 +38,49 @@ getent passwd "$RUNNER" "$INTRUDER" >/dev/null || skip "users $RUNNER and $INTRU
 WORK=$(mktemp -d /tmp/harvo-policy-XXXXXX)
 # The unprivileged endpoints reach the socket in here.
 chmod 755 "$WORK"
+
+# Every program the test starts in the background, oldest first: each is
+# the background job itself (no subshell in between), so its pid is the
+# program's own.
 PIDS=()
+
+# running PID: the process exists and is not a zombie waiting to be reaped.
+running() {
+    local state
+    state=$(ps -o stat= -p "$1" 2>/dev/null) && [[ $state != Z* ]]
+}
+
+# stop PID: SIGTERM, up to 10 seconds to end, then SIGKILL; reaps it.
+stop() {
+    local pid=$1
+    kill -TERM "$pid" 2>/dev/null
+    for _ in $(seq 1 200); do
+        running "$pid" || break
+        sleep 0.05
+    done
+    if running "$pid"; then
+        echo "cleanup: $pid did not end on SIGTERM within 10 s; killing it" >&2
+        kill -KILL "$pid" 2>/dev/null
+    fi
+    wait "$pid" 2>/dev/null
+}
+
+# Ends what the test started, newest first (the endpoints before the daemon
+# they are connected to), and fails the test if anything is left.
 cleanup() {
+    local status=$? i left=0
+    for ((i = ${#PIDS[@]} - 1; i >= 0; i--)); do
+        stop "${PIDS[i]}"
+    done
     for pid in "${PIDS[@]}"; do
-        kill "$pid" 2>/dev/null
-        wait "$pid" 2>/dev/null
+        if running "$pid"; then
+            echo "FAIL (cleanup): still running: $(ps -o pid=,user=,args= -p "$pid")" >&2
+            left=1
+        fi
     done
     rm -rf "$WORK"
+    [[ $left -eq 0 ]] || exit 1
+    exit "$status"
 }
 trap cleanup EXIT
 
@@ -54,7 +90,9 @@ fail() {
     failures=$((failures + 1))
 }
 
-as_user() { # USER GROUP COMMAND...: runs COMMAND with that user's ids and no other groups
+# as_user USER GROUP COMMAND...: runs COMMAND with that user's ids and no
+# other groups (setpriv executes COMMAND in its own place).
+as_user() {
     local user=$1 group=$2
     shift 2
     setpriv --reuid="$user" --regid="$group" --clear-groups -- "$@"
@@ -116,11 +154,14 @@ start_daemon() {
     export DBUS_SYSTEM_BUS_ADDRESS=$address
 }
 
-# start_endpoint NAME USER GROUP: "bus_peer serve weather" as USER.
+# start_endpoint NAME USER GROUP: "bus_peer serve weather" as USER, in the
+# background. setpriv is started directly, not through as_user: a function
+# run in the background is a subshell of its own, and its pid is not the
+# program's.
 start_endpoint() {
     local name=$1 user=$2 group=$3
-    as_user "$user" "$group" "$PEER" serve "$ENDPOINT" </dev/null \
-        >"$WORK/$name.out" 2>"$WORK/$name.err" &
+    setpriv --reuid="$user" --regid="$group" --clear-groups -- "$PEER" serve "$ENDPOINT" \
+        </dev/null >"$WORK/$name.out" 2>"$WORK/$name.err" &
     PIDS+=($!)
 }
 

@@ -1,6 +1,10 @@
-// The compact text of a body is the JsonCpp compact writer's text, byte
-// for byte, for every kind of tree: the library puts plain trees together
-// itself and must never differ from the writer.
+// The plain writer (src/PlainJson.h) and the body that uses it: the
+// compact text of a body is the JsonCpp compact writer's text, byte for
+// byte, for every kind of tree. Where the build has the plain writer, it
+// must never differ from the writer; where it has not (JsonCpp of a version
+// it is not proven with, or the option HARVO_JSON_FAST_PATHS=OFF), the same
+// comparisons show that the text is the writer's, and the plain writer
+// takes nothing.
 #include <gtest/gtest.h>
 
 #include <json/json.h>
@@ -10,9 +14,13 @@
 #include <random>
 #include <string>
 
+#include "PlainJson.h"
+#include "PlainJsonMode.h"
 #include "TCMessage.h"
 
 using Quelt::TCData;
+using Quelt::detail::kPlainJsonEnabled;
+using Quelt::detail::WritePlainJson;
 
 namespace {
 
@@ -34,13 +42,22 @@ std::string Generated(const Json::Value& value) {
     return data.m_message;
 }
 
-void ExpectWrittenAsTheWriterWrites(const Json::Value& value, const std::string& what) {
+// Compares the body's text for |value|, and the plain writer's own text,
+// with the writer's. Answers whether the plain writer took the tree.
+bool ExpectWrittenAsTheWriterWrites(const Json::Value& value, const std::string& what) {
     if (!value.empty()) {
         EXPECT_EQ(WriterText(value), Generated(value)) << what;
     }
     Json::Value wrapped(Json::arrayValue);
     wrapped.append(value);
     EXPECT_EQ(WriterText(wrapped), Generated(wrapped)) << what;
+
+    std::string direct;
+    const bool plain = WritePlainJson(value, direct);
+    if (plain) {
+        EXPECT_EQ(WriterText(value), direct) << what;
+    }
+    return plain;
 }
 
 // Strings: mostly plain, sometimes with bytes the writer escapes.
@@ -144,23 +161,49 @@ bool IsPlainTree(const Json::Value& value) {
 
 }  // namespace
 
-TEST(CompactText, RandomTreesAreWrittenAsTheWriterWritesThem) {
+class CompactText : public harvo_test::PlainJsonTest {};
+
+TEST_F(CompactText, ThePlainWriterTakesPlainTreesOnlyWhereTheBuildHasIt) {
+    Json::Value plain;
+    plain["city"] = "Seoul";
+    plain["days"].append(1);
+    plain["days"].append(2.5);
+    std::string text;
+    EXPECT_EQ(WritePlainJson(plain, text), kPlainJsonEnabled);
+    if (kPlainJsonEnabled) {
+        EXPECT_EQ(text, "{\"city\":\"Seoul\",\"days\":[1,2.5]}");
+    }
+    // A string to escape is never the plain writer's, whatever the build.
+    Json::Value escaped;
+    escaped["line"] = "a\nb";
+    std::string discarded;
+    EXPECT_FALSE(WritePlainJson(escaped, discarded));
+}
+
+TEST_F(CompactText, RandomTreesAreWrittenAsTheWriterWritesThem) {
     std::mt19937 random(20261123);
     int plain = 0;
+    int takenByThePlainWriter = 0;
     const int kTrees = 5000;
     for (int i = 0; i < kTrees; ++i) {
         const Json::Value value = RandomValue(random, 0);
-        plain += IsPlainTree(value) ? 1 : 0;
-        ExpectWrittenAsTheWriterWrites(value, "tree " + std::to_string(i));
+        const bool plainTree = IsPlainTree(value);
+        plain += plainTree ? 1 : 0;
+        const bool taken = ExpectWrittenAsTheWriterWrites(value, "tree " + std::to_string(i));
+        takenByThePlainWriter += taken ? 1 : 0;
+        // The plain writer takes exactly the trees without anything to
+        // escape (none of them is deep enough to be left to the writer).
+        EXPECT_EQ(taken, kPlainJsonEnabled && plainTree) << "tree " << i;
         if (HasFailure())
             return;
     }
     // Both kinds are well represented.
     EXPECT_GT(plain, kTrees / 10);
     EXPECT_GT(kTrees - plain, kTrees / 10);
+    EXPECT_EQ(takenByThePlainWriter, kPlainJsonEnabled ? plain : 0);
 }
 
-TEST(CompactText, EdgeShapes) {
+TEST_F(CompactText, EdgeShapes) {
     Json::Value cases(Json::arrayValue);
     cases.append(Json::Value(Json::objectValue));
     cases.append(Json::Value(Json::arrayValue));
@@ -201,7 +244,7 @@ TEST(CompactText, EdgeShapes) {
     ExpectWrittenAsTheWriterWrites(cases, "all cases");
 }
 
-TEST(CompactText, CopiesAndGetStringUseTheSameText) {
+TEST_F(CompactText, CopiesAndGetStringUseTheSameText) {
     TCData body(std::string("{ \"z\" : [1, 2, {\"y\": null}], \"a\" : \"x\" }"));
     const std::string expected = WriterText(body.m_value);
     EXPECT_EQ(expected, "{\"a\":\"x\",\"z\":[1,2,{\"y\":null}]}");

@@ -1,18 +1,27 @@
-// A body's tree is the JsonCpp reader's tree, node for node (type, value,
-// offsets, no comments), and a text it refuses is refused with its error:
-// the library reads plain bodies itself and must never differ from it.
+// The plain reader (src/PlainJson.h) and the body that uses it: a body's
+// tree is the JsonCpp reader's tree, node for node (type, value, offsets,
+// no comments), and a text it refuses is refused with its error. Where the
+// build has the plain reader, it must never differ from the reader; where
+// it has not (JsonCpp of a version it is not proven with, or the option
+// HARVO_JSON_FAST_PATHS=OFF), the same comparisons show that the body is
+// JsonCpp's, and the plain reader takes nothing.
 #include <gtest/gtest.h>
 
 #include <json/json.h>
 
+#include <cstdio>
 #include <locale>
 #include <memory>
 #include <random>
 #include <string>
 
+#include "PlainJson.h"
+#include "PlainJsonMode.h"
 #include "TCMessage.h"
 
 using Quelt::TCData;
+using Quelt::detail::kPlainJsonEnabled;
+using Quelt::detail::ReadPlainJson;
 
 namespace {
 
@@ -64,7 +73,9 @@ void ExpectSameTree(const Json::Value& expected, const Json::Value& actual,
     }
 }
 
-void ExpectReadAsTheReaderReads(const std::string& text) {
+// Compares the body read from |text|, and the plain reader's own result,
+// with the reader's. Answers whether the plain reader took the text.
+bool ExpectReadAsTheReaderReads(const std::string& text) {
     SCOPED_TRACE(text);
     const Reference reference = ReadWithReader(text);
     TCData body(text);
@@ -76,6 +87,27 @@ void ExpectReadAsTheReaderReads(const std::string& text) {
         EXPECT_EQ(body.GetError(), reference.errors);
     }
     EXPECT_EQ(body.m_message, text);
+
+    // A text the plain reader does not take leaves its tree untouched.
+    Json::Value direct("untouched");
+    const bool plain = ReadPlainJson(text.data(), text.data() + text.size(), direct);
+    if (plain) {
+        EXPECT_TRUE(reference.parsed);
+        ExpectSameTree(reference.value, direct, "$");
+    } else {
+        EXPECT_TRUE(direct == Json::Value("untouched"));
+    }
+    return plain;
+}
+
+// Where the build has the plain reader, it takes a good share of what
+// senders write; where it has not, nothing.
+void ExpectTakenByThePlainReader(int plain, int total) {
+    if (kPlainJsonEnabled) {
+        EXPECT_GT(plain, total / 10) << "of " << total;
+    } else {
+        EXPECT_EQ(plain, 0) << "of " << total;
+    }
 }
 
 std::string RandomBlanks(std::mt19937& random) {
@@ -170,16 +202,58 @@ std::string RandomDocument(std::mt19937& random, int depth) {
 
 }  // namespace
 
-TEST(PlainParse, RandomDocumentsAreReadAsTheReaderReadsThem) {
+class PlainParse : public harvo_test::PlainJsonTest {};
+
+TEST(PlainJsonMode, IsWhatTheConfigureStepWorkedOut) {
+    // CMake predicts the mode from the option and the JsonCpp version that
+    // pkg-config reports; the library decides from JsonCpp's headers.
+    EXPECT_EQ(kPlainJsonEnabled, HARVO_EXPECT_JSON_FAST_PATHS != 0)
+        << "JsonCpp headers say " << JSONCPP_VERSION_STRING;
+    std::printf("JSON fast paths %s (JsonCpp %s)\n", harvo_test::JsonMode(),
+                JSONCPP_VERSION_STRING);
+}
+
+TEST(PlainJsonMode, OnlyTheProvenJsonCppVersionsHaveTheFastPaths) {
+    EXPECT_TRUE(HARVO_JSONCPP_PROVEN(1, 9, 5));
+    // Earlier versions type some integers differently; later ones are
+    // not proven yet.
+    EXPECT_FALSE(HARVO_JSONCPP_PROVEN(1, 7, 0));
+    EXPECT_FALSE(HARVO_JSONCPP_PROVEN(1, 8, 4));
+    EXPECT_FALSE(HARVO_JSONCPP_PROVEN(1, 9, 4));
+    EXPECT_FALSE(HARVO_JSONCPP_PROVEN(1, 9, 6));
+    EXPECT_FALSE(HARVO_JSONCPP_PROVEN(2, 9, 5));
+    // This build: a proven version and the option on, or JsonCpp does all.
+    EXPECT_EQ(
+        kPlainJsonEnabled,
+        HARVO_JSON_FAST_PATHS && HARVO_JSONCPP_PROVEN(JSONCPP_VERSION_MAJOR, JSONCPP_VERSION_MINOR,
+                                                      JSONCPP_VERSION_PATCH));
+}
+
+TEST_F(PlainParse, ThePlainReaderTakesPlainTextsOnlyWhereTheBuildHasIt) {
+    const std::string plain = "{\"city\":\"Seoul\",\"days\":[1,2.5,-3],\"ok\":true,\"n\":null}";
+    Json::Value tree("untouched");
+    EXPECT_EQ(ReadPlainJson(plain.data(), plain.data() + plain.size(), tree), kPlainJsonEnabled);
+    EXPECT_EQ(tree.isObject(), kPlainJsonEnabled);
+    // Never a comment, whatever the build.
+    const std::string commented = "{\"a\":1} // note";
+    Json::Value other("untouched");
+    EXPECT_FALSE(ReadPlainJson(commented.data(), commented.data() + commented.size(), other));
+    EXPECT_TRUE(other == Json::Value("untouched"));
+}
+
+TEST_F(PlainParse, RandomDocumentsAreReadAsTheReaderReadsThem) {
     std::mt19937 random(1123);
-    for (int i = 0; i < 3000; ++i) {
-        ExpectReadAsTheReaderReads(RandomDocument(random, 0));
+    const int kDocuments = 3000;
+    int plain = 0;
+    for (int i = 0; i < kDocuments; ++i) {
+        plain += ExpectReadAsTheReaderReads(RandomDocument(random, 0)) ? 1 : 0;
         if (HasFailure())
             return;
     }
+    ExpectTakenByThePlainReader(plain, kDocuments);
 }
 
-TEST(PlainParse, DamagedDocumentsAreReadOrRefusedAsTheReaderDoes) {
+TEST_F(PlainParse, DamagedDocumentsAreReadOrRefusedAsTheReaderDoes) {
     std::mt19937 random(2311);
     static const char kNoise[] = {'{', '}', '[', ']', ',',  ':', '"',
                                   ' ', '1', 'x', '/', '\\', '\0'};
@@ -206,7 +280,7 @@ TEST(PlainParse, DamagedDocumentsAreReadOrRefusedAsTheReaderDoes) {
     }
 }
 
-TEST(PlainParse, EdgeTexts) {
+TEST_F(PlainParse, EdgeTexts) {
     for (const char* text : {"",
                              " ",
                              "{}",
@@ -239,7 +313,7 @@ TEST(PlainParse, EdgeTexts) {
     ExpectReadAsTheReaderReads(std::string("{\"a\":\"b\0c\"}", 11));
 }
 
-TEST(PlainParse, ABodyWhoseTreeWasAnEmptyObjectKeepsItsComments) {
+TEST_F(PlainParse, ABodyWhoseTreeWasAnEmptyObjectKeepsItsComments) {
     // Parse fills the tree in place, payload and offsets, as the reader does.
     TCData body;
     body.m_value = Json::Value(Json::objectValue);
@@ -269,7 +343,7 @@ struct CommaDecimal : std::numpunct<char> {
 
 }  // namespace
 
-TEST(PlainParse, NumbersUnderAnotherGlobalLocaleAreTheReadersToo) {
+TEST_F(PlainParse, NumbersUnderAnotherGlobalLocaleAreTheReadersToo) {
     const std::locale previous =
         std::locale::global(std::locale(std::locale::classic(), new CommaDecimal));
     for (const char* text : {"2.5", "[1.25e-3,7]", "{\"c\":10.5}", "2,5", "[2,5]"})
