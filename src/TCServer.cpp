@@ -248,11 +248,13 @@ bool TCServer::m_OwnName() {
     // GDBus holds the endpoint's token, not the server: a callback it had
     // queued before the close finds the endpoint gone (m_OnNameAcquired and
     // m_OnNameLost are reached through ServerCallbacks).
-    m_ownerId = g_bus_own_name_on_connection(
-        m_connection, m_busName.c_str(), kOwnFlags, detail::ServerCallbacks::NameAcquired,
-        detail::ServerCallbacks::NameLost, detail::NewCallbackRef(detail::TokenOf(this)),
-        detail::FreeCallbackRef);
+    gpointer ownerRef = detail::NewCallbackRef(detail::TokenOf(this));
+    m_ownerId = g_bus_own_name_on_connection(m_connection, m_busName.c_str(), kOwnFlags,
+                                             detail::ServerCallbacks::NameAcquired,
+                                             detail::ServerCallbacks::NameLost, ownerRef,
+                                             detail::FreeCallbackRef);
     if (m_ownerId == 0) {
+        detail::FreeCallbackRef(ownerRef);
         QLOGE("Request bus name fail!");
         return false;
     }
@@ -281,6 +283,8 @@ bool TCServer::m_ExportObject() {
         &detail::ServerCallbacks::kObjectVTable, ref, detail::FreeCallbackRef, nullptr);
     QLOGI("Get register id : %u", m_registrationId);
     if (m_registrationId == 0) {
+        // Refused, GDBus keeps nothing: the reference is ours to release.
+        detail::FreeCallbackRef(ref);
         QLOGE("Register Obj Path Fail!");
         return false;
     }
