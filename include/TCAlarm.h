@@ -18,6 +18,9 @@
 namespace Quelt {
 
 class TCEventIO;
+namespace detail {
+struct AlarmTimeouts;
+}
 
 /** A periodic timer that fires on the loop of an event IO: Create, then
  *  SetAlarmCallback arms it; it fires every interval until the count is
@@ -26,7 +29,9 @@ class HARVO_FW_API TCAlarm {
 public:
     /** An unbound alarm. */
     TCAlarm();
-    /** Frees the lock only: an armed alarm must be destroyed first. */
+    /** Frees the lock; an armed alarm should be destroyed first. One that
+     *  was not loses its timeout here (a timeout firing meanwhile on the
+     *  loop's thread is waited for), so no callback comes after. */
     ~TCAlarm();
 
     /** Binds the alarm to \p io's loop (null: the default context).
@@ -48,6 +53,10 @@ public:
     static unsigned long GetTickCount();
 
 private:
+    /** The timeout source holds the alarm's lock block, not the alarm, and
+     * reaches m_GSourceFunc through this while the alarm exists. */
+    friend struct detail::AlarmTimeouts;
+
     static gboolean m_GSourceFunc(void* alarm);
     void m_AttachSource();
 

@@ -66,8 +66,18 @@ public:
     static bool SendEvent(TCEvent* event);
     /** Queues a copy at the front: it runs next. */
     static bool SendUrgentEvent(TCEvent* event);
-    /** Queues the caller's own object and waits until it ran, at most 20
-     * seconds; reports true also when the wait expired. */
+    /** Queues the caller's event and waits until it ran, at most 20
+     * seconds; reports true also when the wait expired. The handler runs on
+     * the caller's own object while the caller waits.
+     *
+     * The caller may drop its event as soon as this returns: a wait that
+     * expired leaves a copy for the queue, which runs it later (with a
+     * warning line); a handler already running on the caller's object when
+     * the wait expires is waited for. Sent from the thread that runs the
+     * receiver's loop (a handler of that loop, say), the event cannot wait
+     * for itself: it runs at once, ahead of what is queued, and this
+     * returns true. A queue finalised with the event still queued releases
+     * the caller at once, without running it. */
     static bool SendSyncEvent(TCEvent* event);
     /** Round trip through |target|'s loop within max(timeout, 2100) us. */
     static bool Ping(TCEventIO* target, unsigned long timeout);

@@ -46,6 +46,9 @@
 namespace Quelt {
 
 class TCEventIO;
+namespace detail {
+struct ServerCallbacks;
+}
 
 /** The underlying type is fixed so that any other value (a registry entry
  * without bus name or object) is a valid value of the type. */
@@ -90,12 +93,20 @@ public:
     bool CreateDBusProxy();
     ///@}
     /** Removes the endpoint from the process's registry, then waits
-     * (sleeping) until no other thread delivers to it or runs one of its
-     * handlers and its own sends and emissions in flight have returned;
-     * then cancels subscriptions, gives up the name and unregisters the
-     * object. Nothing touches the endpoint after it returns: late replies
-     * and requests still queued for a worker are answered or dropped with
-     * a line. */
+     * (sleeping, without holding the endpoint's lock) until no other thread
+     * delivers to it or runs one of its handlers and its own sends and
+     * emissions in flight have returned; then cancels subscriptions, gives
+     * up the name and unregisters the object. Nothing touches the endpoint
+     * after it returns: late replies, signals, name callbacks and requests
+     * still queued for a worker are answered or dropped with a line.
+     *
+     * A handler on another thread may still call this endpoint meanwhile
+     * (subscribe, send, close, create...): sends are refused ("Server is
+     * going to be closed!"), a second close or a create waits for this one.
+     * The wait for other threads ends after 30 s, with an error line naming
+     * the endpoint and what it still waits for; the close then finishes,
+     * and what still runs leaves the endpoint alone. Call it from any
+     * thread; delete the endpoint only after it returned. */
     void CloseDBusServer();
     /** The same as CloseDBusServer. */
     void CloseDBusProxy();
@@ -239,6 +250,9 @@ private:
 
     /** Tests reach the private helpers through this peer. */
     friend class TCServerTestPeer;
+    /** What GLib and GDBus call: they hold the endpoint's token, never the
+     * server, and reach the callbacks above only while it is open. */
+    friend struct detail::ServerCallbacks;
     /** The event IO runs in-process messages (code 3) through SendMessage. */
     friend class TCEventIO;
     /** AppMain stores the daemon's loop in m_mainLoop. */

@@ -29,7 +29,11 @@ class HARVO_FW_API TCTask : public TCEventIO {
 public:
     /** A task named \p name (the event queue's name); no thread yet. */
     explicit TCTask(const char* name);
-    /** Neither stops the thread nor frees the loop: call Destroy first. */
+    /** Neither stops the thread nor frees the loop: call Destroy first.
+     *  A task whose thread still runs its loop ends the process with a
+     *  fatal assertion (the thread would run on freed memory); one whose
+     *  thread ended by itself (EVENT_EXIT_TASK from its own handler) is
+     *  joined. */
     virtual ~TCTask();
 
     /** Starts the thread; with |initInCaller| the loop and its IOs are built
@@ -39,7 +43,8 @@ public:
      * initialised. */
     void AddIO(TCIOBase* io);
     /** Sends EVENT_EXIT_TASK and joins the thread. Refused (logged) on the
-     * task's own thread. */
+     * task's own thread. Right after Create it first waits until the thread
+     * has built its loop, so that the exit event reaches it. */
     void Destroy();
 
 protected:

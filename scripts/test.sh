@@ -57,7 +57,7 @@ JOBS=${HARVO_JOBS:-2}
 TEST_JOBS=${HARVO_TEST_JOBS:-2}
 
 # Test directories whose suites exercise threads; they run under TSan.
-TSAN_DIRS=(event task alarm bus signals)
+TSAN_DIRS=(event task alarm bus signals lifetimes)
 # Single files elsewhere that do the same.
 TSAN_FILES_GLOB='tests/foundation/lock*_test.cpp tests/foundation/reuse_test.cpp'
 

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Keeping endpoints alive while other threads use them: tokens, pins and
-// the waits of CloseDBusServer. See EndpointGuard.h.
+// Keeping endpoints alive while other threads and GLib use them: tokens,
+// pins, callback references and the waits of CloseDBusServer. See
+// EndpointGuard.h.
 
 #include "EndpointGuard.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <vector>
@@ -17,10 +20,18 @@ namespace detail {
 struct EndpointState {
     TCServer* server;  // null once the close has begun
     std::string name;
-    int pins = 0;  // pins held on every thread
+    int pins = 0;           // pins held on every thread
+    int sends = 0;          // of which the server's own sends in flight
+    int parked = 0;         // pins of threads that wait in this endpoint's close or create
+    bool detached = false;  // the close ended: pins going later leave the server alone
 };
 
 namespace {
+
+// 30 s: longer than the bus's default call timeout (25 s) and the wait of a
+// synchronous event (20 s).
+constexpr unsigned kDefaultWaitLimitMs = 30000;
+std::atomic<unsigned> g_waitLimitOverrideMs{0};
 
 // Function-level statics: usable from constructors of other statics, and
 // never destroyed before a late user (a GDBus thread may still run at exit).
@@ -32,6 +43,12 @@ std::condition_variable& Changed() {
 std::map<const TCServer*, EndpointToken>& OpenEndpoints() {
     static auto* open = new std::map<const TCServer*, EndpointToken>();
     return *open;
+}
+
+// Endpoints whose close has begun and not ended yet.
+std::map<const TCServer*, EndpointToken>& ClosingEndpoints() {
+    static auto* closing = new std::map<const TCServer*, EndpointToken>();
+    return *closing;
 }
 
 // The pins this thread holds, one entry per pin, so that a close on this
@@ -46,6 +63,21 @@ int PinsOfThisThread(const EndpointState* state) {
     return static_cast<int>(std::count(pins.begin(), pins.end(), state));
 }
 
+// Pins that hold up a close running on this thread.
+int OtherThreadsPins(const EndpointState* state) {
+    return state->pins - PinsOfThisThread(state) - state->parked;
+}
+
+EndpointToken FindLocked(std::map<const TCServer*, EndpointToken>& endpoints,
+                         const TCServer* server) {
+    auto found = endpoints.find(server);
+    return found != endpoints.end() ? found->second : EndpointToken();
+}
+
+struct CallbackRef {
+    EndpointToken token;
+};
+
 }  // namespace
 
 std::mutex& RegistryMutex() {
@@ -53,13 +85,22 @@ std::mutex& RegistryMutex() {
     return *mutex;
 }
 
+std::mutex& SignalTablesMutex() {
+    static auto* mutex = new std::mutex();
+    return *mutex;
+}
+
+// ---------------------------------------------------------------------------
+// Pins
+
 EndpointPin::~EndpointPin() {
     Release();
 }
 
 EndpointPin::EndpointPin(EndpointPin&& other) noexcept
-    : m_token(std::move(other.m_token)), m_server(other.m_server) {
+    : m_token(std::move(other.m_token)), m_server(other.m_server), m_count(other.m_count) {
     other.m_server = nullptr;
+    other.m_count = nullptr;
 }
 
 EndpointPin& EndpointPin::operator=(EndpointPin&& other) noexcept {
@@ -67,7 +108,9 @@ EndpointPin& EndpointPin::operator=(EndpointPin&& other) noexcept {
         Release();
         m_token = std::move(other.m_token);
         m_server = other.m_server;
+        m_count = other.m_count;
         other.m_server = nullptr;
+        other.m_count = nullptr;
     }
     return *this;
 }
@@ -90,11 +133,19 @@ void EndpointPin::Release() {
         return;
     std::lock_guard<std::mutex> guard(RegistryMutex());
     --m_token->pins;
+    if (m_count != nullptr) {
+        --m_token->sends;
+        // Until its close ends the count is the server's; afterwards the
+        // server may be gone.
+        if (!m_token->detached)
+            g_atomic_int_add(m_count, -1);
+    }
     auto& pins = ThreadPins();
     auto mine = std::find(pins.begin(), pins.end(), m_token.get());
     if (mine != pins.end())
         pins.erase(mine);
     m_server = nullptr;
+    m_count = nullptr;
     m_token.reset();
     Changed().notify_all();
 }
@@ -109,8 +160,7 @@ void OpenEndpoint(TCServer* server, const std::string& name) {
 
 EndpointToken TokenOf(const TCServer* server) {
     std::lock_guard<std::mutex> guard(RegistryMutex());
-    auto found = OpenEndpoints().find(server);
-    return found != OpenEndpoints().end() ? found->second : EndpointToken();
+    return FindLocked(OpenEndpoints(), server);
 }
 
 EndpointPin PinLocked(const EndpointToken& token) {
@@ -134,39 +184,151 @@ EndpointPin PinIfOpen(const TCServer* server) {
 }
 
 EndpointPin PinIfOpenLocked(const TCServer* server) {
-    auto found = OpenEndpoints().find(server);
-    if (found == OpenEndpoints().end())
-        return EndpointPin();
-    return PinLocked(found->second);
+    return PinLocked(FindLocked(OpenEndpoints(), server));
 }
 
-void CloseEndpoint(const TCServer* server) {
-    std::unique_lock<std::mutex> lock(RegistryMutex());
+// ---------------------------------------------------------------------------
+// What GLib holds
+
+gpointer NewCallbackRef(const EndpointToken& token) {
+    return new CallbackRef{token};
+}
+
+void FreeCallbackRef(gpointer ref) {
+    delete static_cast<CallbackRef*>(ref);
+}
+
+EndpointPin PinCallbackRef(gpointer ref) {
+    if (ref == nullptr)
+        return EndpointPin();
+    return Pin(static_cast<CallbackRef*>(ref)->token);
+}
+
+const std::string& CallbackRefName(gpointer ref) {
+    static const std::string kNone;
+    return ref != nullptr ? TokenName(static_cast<CallbackRef*>(ref)->token) : kNone;
+}
+
+// ---------------------------------------------------------------------------
+// Sends
+
+SendInFlight::SendInFlight(TCServer* server, volatile gint* count) {
+    std::lock_guard<std::mutex> guard(RegistryMutex());
+    const EndpointToken open = FindLocked(OpenEndpoints(), server);
+    if (open) {
+        m_pin = PinLocked(open);
+        m_pin.m_count = count;
+        ++open->sends;
+        g_atomic_int_inc(count);
+        return;
+    }
+    if (FindLocked(ClosingEndpoints(), server)) {
+        m_start = kClosing;
+        return;
+    }
+    // Never created, or closed: the send fails further on ("dbus connection
+    // is not open"), and no close waits for it.
+    m_unpinnedCount = count;
+    g_atomic_int_inc(count);
+}
+
+SendInFlight::~SendInFlight() {
+    if (m_unpinnedCount != nullptr)
+        g_atomic_int_add(m_unpinnedCount, -1);
+}
+
+// ---------------------------------------------------------------------------
+// Closing
+
+bool IsBeingClosed(const TCServer* server) {
+    std::lock_guard<std::mutex> guard(RegistryMutex());
+    return static_cast<bool>(FindLocked(ClosingEndpoints(), server));
+}
+
+bool BeginClose(const TCServer* server) {
+    std::lock_guard<std::mutex> guard(RegistryMutex());
     auto found = OpenEndpoints().find(server);
     if (found == OpenEndpoints().end())
-        return;
+        return false;
     EndpointToken token = found->second;
     OpenEndpoints().erase(found);
     token->server = nullptr;
-    const int others = token->pins - PinsOfThisThread(token.get());
-    if (others > 0)
-        QLOGD("close %s: waiting for %d call(s) in progress on other threads", token->name.c_str(),
-              others);
-    Changed().wait(lock, [&token] { return token->pins == PinsOfThisThread(token.get()); });
+    ClosingEndpoints()[server] = token;
+    return true;
 }
 
-void EndSend(volatile gint* count) {
-    if (g_atomic_int_dec_and_test(count)) {
-        // Under the lock, so that a close between its test and its sleep
-        // cannot miss the wake-up.
-        std::lock_guard<std::mutex> guard(RegistryMutex());
-        Changed().notify_all();
-    }
-}
-
-void WaitForSends(volatile gint* count) {
+bool WaitForOtherThreads(const TCServer* server) {
     std::unique_lock<std::mutex> lock(RegistryMutex());
-    Changed().wait(lock, [count] { return g_atomic_int_get(count) == 0; });
+    const EndpointToken token = FindLocked(ClosingEndpoints(), server);
+    if (!token)
+        return true;
+    const int others = OtherThreadsPins(token.get());
+    if (others <= 0)
+        return true;
+    QLOGD("close %s: waiting for %d call(s) in progress on other threads", token->name.c_str(),
+          others);
+    const unsigned limitMs = OtherThreadWaitLimitMs();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+    if (Changed().wait_until(lock, deadline,
+                             [&token] { return OtherThreadsPins(token.get()) <= 0; })) {
+        return true;
+    }
+    // Memory-safe from here on: the pins still held were taken from the
+    // detached token, and once EndClose has run they go without touching
+    // the server.
+    const int sends = token->sends;
+    const int others_left = OtherThreadsPins(token.get());
+    QLOGE(
+        "close %s: still waiting after %u ms for %d call(s) on other threads (%d send(s) of its "
+        "own, %d handler(s) or deliveries): closing without them",
+        token->name.c_str(), limitMs, others_left, std::min(sends, others_left),
+        std::max(others_left - sends, 0));
+    return false;
+}
+
+void EndClose(const TCServer* server, volatile gint* count) {
+    std::lock_guard<std::mutex> guard(RegistryMutex());
+    auto found = ClosingEndpoints().find(server);
+    if (found == ClosingEndpoints().end())
+        return;
+    // Sends still in flight (the close stopped waiting for them, or they
+    // run further up this thread's stack) no longer count for the server.
+    if (count != nullptr)
+        g_atomic_int_add(count, -found->second->sends);
+    found->second->detached = true;
+    ClosingEndpoints().erase(found);
+    Changed().notify_all();
+}
+
+void WaitWhileBeingClosed(const TCServer* server) {
+    std::unique_lock<std::mutex> lock(RegistryMutex());
+    const EndpointToken token = FindLocked(ClosingEndpoints(), server);
+    if (!token)
+        return;
+    // The close must not wait for us while we wait for it.
+    const int mine = PinsOfThisThread(token.get());
+    token->parked += mine;
+    Changed().notify_all();
+    Changed().wait(lock, [&token] { return token->detached; });
+    token->parked -= mine;
+}
+
+void ForgetEndpoint(const TCServer* server) {
+    if (!BeginClose(server)) {
+        WaitWhileBeingClosed(server);
+        return;
+    }
+    WaitForOtherThreads(server);
+    EndClose(server, nullptr);
+}
+
+unsigned OtherThreadWaitLimitMs() {
+    const unsigned override_ms = g_waitLimitOverrideMs.load();
+    return override_ms != 0 ? override_ms : kDefaultWaitLimitMs;
+}
+
+void SetOtherThreadWaitLimitMsForTests(unsigned ms) {
+    g_waitLimitOverrideMs.store(ms);
 }
 
 }  // namespace detail

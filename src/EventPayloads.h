@@ -32,6 +32,13 @@ constexpr size_t kWorkerHandOffHighWater = 1024;
 /* The function an EVENT_EXECUTE event runs on the serving IO's thread. */
 using TCExecuteCallable = std::function<void()>;
 
+namespace detail {
+/* How long SendSyncEvent waits for the receiver: 20 s. Tests shorten it;
+ * 0 restores the default. */
+unsigned long SyncWaitUs();
+void SetSyncWaitUsForTests(unsigned long us);
+}  // namespace detail
+
 }  // namespace Quelt
 
 #endif  // HARVO_FW_SRC_EVENTPAYLOADS_H

@@ -7,10 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
 
+#include "EndpointGuard.h"
 #include "EventPayloads.h"
 #include "Guarded.h"
 #include "QueltLog.h"
@@ -24,6 +27,7 @@ namespace {
 
 // A synchronous sender waits at most this long for the receiver (20 s).
 const unsigned long kSyncWaitUs = 20000000UL;
+std::atomic<unsigned long> g_syncWaitOverrideUs{0};
 // A ping waits at least this long, whatever its caller asked for.
 const unsigned long kPingMinimumUs = 2100UL;
 // The loop only tries the lock for 1 ms, so that a sender holding it never
@@ -60,6 +64,168 @@ void DeleteSemaphorePair(TCSemaphore* pair) {
 void AnswerSemaphorePair(TCSemaphore* pair) {
     pair[0].Give();
     pair[1].Take();
+}
+
+// ---------------------------------------------------------------------------
+// A synchronous send in flight, shared by its sender and the queue.
+//
+// The queue never holds the sender's own object, which lives on the
+// sender's stack only while it waits: it holds a QueuedSyncEvent that
+// names the call. The loop runs the handler on the sender's object while
+// the sender still waits; a sender whose wait ended first leaves a copy of
+// its event in the call and never hears of it again, and the loop runs the
+// copy instead. Whoever lets go of the call last frees it, and with it the
+// semaphore pair.
+struct SyncCall {
+    enum State {
+        kQueued,     // waiting in the queue; the sender waits
+        kRunning,    // the loop runs the handler on the sender's object
+        kDone,       // the handler returned
+        kAbandoned,  // the sender stopped waiting first: the loop runs |copy|
+        kDropped,    // the queue was emptied (Final, EVENT_CLEAR_ALL): not run
+    };
+
+    explicit SyncCall(TCSemaphore* semaphores, TCEvent* event) : pair(semaphores), sender(event) {}
+    ~SyncCall() {
+        if (pair != nullptr)
+            DeleteSemaphorePair(pair);
+    }
+    SyncCall(const SyncCall&) = delete;
+    SyncCall& operator=(const SyncCall&) = delete;
+
+    TCSemaphore* pair;  // also the event's param.p; null once the event keeps it
+    std::mutex mutex;   // guards state, sender and copy
+    State state = kQueued;
+    TCEvent* sender;                // the sender's event while it waits
+    std::unique_ptr<TCEvent> copy;  // what the loop runs once abandoned
+    bool awaitsHandler = false;     // the sender waits past its limit for a running handler
+    std::atomic<int> refs{2};       // the sender's and the queue's
+};
+
+void Unref(SyncCall* call) {
+    if (call->refs.fetch_sub(1) == 1)
+        delete call;
+}
+
+// What the queue holds for a synchronous send: enough of the event for the
+// queue's own work (the receiver for clearing, the type and the deleted mark
+// for DeleteEvent), and the call.
+struct QueuedSyncEvent : public TCEvent {
+    explicit QueuedSyncEvent(SyncCall* syncCall) : call(syncCall) {
+        receiver = syncCall->sender->receiver;
+        type = syncCall->sender->type;
+        sync = true;
+        param.p = syncCall->pair;
+    }
+    ~QueuedSyncEvent() override { Unref(call); }
+
+    SyncCall* call;
+};
+
+// Set by SendSyncEvent around its m_Put: the call that m_Put queues in place
+// of the sender's object.
+thread_local SyncCall* t_queuingSyncCall = nullptr;
+
+// A synchronous event taken off a queue that is being emptied: its sender,
+// if it still waits, is released at once and the event is not run.
+void DropQueuedSyncEvent(QueuedSyncEvent* queued) {
+    SyncCall* call = queued->call;
+    bool release = false;
+    {
+        std::lock_guard<std::mutex> guard(call->mutex);
+        if (call->state == SyncCall::kQueued) {
+            call->state = SyncCall::kDropped;
+            release = true;
+        }
+    }
+    if (release)
+        AnswerSemaphorePair(call->pair);
+    delete queued;
+}
+
+// The sender's side once its wait ended without an answer: still queued,
+// the event is left to the queue as a copy and the sender goes; already
+// running on the sender's own object, the handler is waited for, since the
+// sender's object must outlive it.
+void AbandonOrAwait(SyncCall* call, TCEvent* event) {
+    std::unique_lock<std::mutex> guard(call->mutex);
+    if (call->state == SyncCall::kQueued) {
+        call->copy.reset(new TCEvent(*event));
+        call->state = SyncCall::kAbandoned;
+        return;
+    }
+    if (call->state != SyncCall::kRunning)
+        return;  // answered or dropped at the last moment
+    call->awaitsHandler = true;
+    guard.unlock();
+    QLOGW(
+        "synchronous event %d for %s: its handler still runs when the wait ends; the sender "
+        "waits for it to return",
+        event->type, event->receiver->GetEventIO()->GetName().c_str());
+    call->pair[0].Take();
+}
+
+// Runs a synchronous send taken off the queue, on the loop's thread: on the
+// sender's own object while the sender waits (then wakes it, as the
+// semaphore pair's protocol says), or on the copy it left when it stopped
+// waiting. Like a synchronous event, it has no deleted test and no clear
+// step.
+gboolean RunQueuedSyncEvent(QueuedSyncEvent* queued) {
+    SyncCall* call = queued->call;
+    TCEvent* target = nullptr;
+    bool senderWaits = false;
+    {
+        std::lock_guard<std::mutex> guard(call->mutex);
+        senderWaits = call->state == SyncCall::kQueued;
+        if (senderWaits) {
+            call->state = SyncCall::kRunning;
+            target = call->sender;
+        } else {
+            target = call->copy.get();
+        }
+    }
+    if (!senderWaits) {
+        QLOGW("synchronous event %d for %s runs on a copy: its sender stopped waiting for it",
+              target->type, target->receiver->GetEventIO()->GetName().c_str());
+    }
+    // A handler that throws still releases its waiting sender below.
+    QUELT_CALL_GUARDED("OnEvent", [&] { target->receiver->OnEvent(target); });
+    if (!senderWaits) {
+        delete queued;
+        return TRUE;
+    }
+    // The sender may return (and drop its event) as soon as it is woken:
+    // read what is needed first and never touch the event afterwards.
+    const bool hasPair = target->param.p != nullptr;
+    bool senderAwaitsHandler = false;
+    {
+        std::lock_guard<std::mutex> guard(call->mutex);
+        call->state = SyncCall::kDone;
+        senderAwaitsHandler = call->awaitsHandler;
+    }
+    if (!hasPair) {
+        // The handler took the semaphores away: its sender is not woken and
+        // ends its wait at the limit (or now, if it is past it already).
+        QLOGE("param.p should not be NULL!");
+        if (senderAwaitsHandler)
+            call->pair[0].Give();
+    } else {
+        AnswerSemaphorePair(call->pair);
+    }
+    delete queued;
+    return TRUE;
+}
+
+// The event IO that serves |event|'s receiver.
+TCEventIO* ServingIO(const TCEvent* event);
+
+// Whether the calling thread runs |io|'s loop (it has acquired the loop's
+// context): an event sent there can only run once the caller returns.
+bool RunsOnThisThread(TCEventIO* io) {
+    GMainLoop* loop = io->GetMainLoop();
+    GMainContext* context =
+        loop != nullptr ? g_main_loop_get_context(loop) : g_main_context_default();
+    return g_main_context_is_owner(context) != FALSE;
 }
 
 // An endpoint name of an in-process message body ({"from":..,"dest":..});
@@ -101,11 +267,22 @@ void TakeQueuedEvent(TCEvent* out, TCEvent* queued) {
 // source from the thread that made it to that one, and on to any thread
 // that iterates the context later, under locks the race detector does not
 // see, so each callback takes the watch over and hands it on again.
+//
+// The IO the callback runs for is reached only through a dispatch, and
+// Final (or the destructor) detaches the watch before it lets the IO go: a
+// dispatch that starts afterwards does nothing, and a Final on another
+// thread waits until the dispatch running on the loop's thread has
+// returned (at most the close's limit, see EndpointGuard.h).
 struct WakeWatch {
     GSource source;       // first: GLib allocates and frees the whole block
     GPollFD pollfd;       // registered with the source, events set in prepare
     GIOChannel* channel;  // owned reference; reads go through its buffer
     gboolean dispatching;
+    // Between the loop's thread and a Final on another thread.
+    GMutex guard;
+    GCond idle;         // signalled when a dispatch returns
+    GThread* runner;    // the thread inside a dispatch, or null
+    gboolean detached;  // Final ran: no later dispatch reaches the IO
 };
 
 WakeWatch* AsWakeWatch(GSource* source) {
@@ -161,6 +338,35 @@ private:
     WakeWatch* watch_;
 };
 
+// Marks the dispatch that runs on this thread for a Final on another one;
+// false when the watch was detached already.
+class RunningDispatch {
+public:
+    explicit RunningDispatch(WakeWatch* watch) : watch_(watch) {
+        g_mutex_lock(&watch_->guard);
+        started_ = !watch_->detached;
+        if (started_)
+            watch_->runner = g_thread_self();
+        g_mutex_unlock(&watch_->guard);
+    }
+    ~RunningDispatch() {
+        if (!started_)
+            return;
+        g_mutex_lock(&watch_->guard);
+        watch_->runner = nullptr;
+        g_cond_broadcast(&watch_->idle);
+        g_mutex_unlock(&watch_->guard);
+    }
+    RunningDispatch(const RunningDispatch&) = delete;
+    RunningDispatch& operator=(const RunningDispatch&) = delete;
+
+    bool Started() const { return started_; }
+
+private:
+    WakeWatch* watch_;
+    bool started_ = false;
+};
+
 gboolean WakeWatchDispatch(GSource* source, GSourceFunc callback, gpointer data) {
     WakeWatch* watch = AsWakeWatch(source);
     if (callback == nullptr)
@@ -170,6 +376,9 @@ gboolean WakeWatchDispatch(GSource* source, GSourceFunc callback, gpointer data)
     if (watch->dispatching)
         return G_SOURCE_CONTINUE;
     WatchInUse inUse(watch);
+    RunningDispatch running(watch);
+    if (!running.Started())
+        return G_SOURCE_REMOVE;  // the IO was finalised on another thread
     DispatchMark mark(watch);
     GIOFunc onWake = reinterpret_cast<GIOFunc>(reinterpret_cast<void (*)()>(callback));
     return onWake(watch->channel, G_IO_IN, data);
@@ -177,7 +386,34 @@ gboolean WakeWatchDispatch(GSource* source, GSourceFunc callback, gpointer data)
 
 void WakeWatchFinalize(GSource* source) {
     detail::TakeOver(source);
-    g_io_channel_unref(AsWakeWatch(source)->channel);
+    WakeWatch* watch = AsWakeWatch(source);
+    g_io_channel_unref(watch->channel);
+    g_mutex_clear(&watch->guard);
+    g_cond_clear(&watch->idle);
+}
+
+// Stops |source| from reaching its IO: later dispatches do nothing, and one
+// running on another thread is waited for, at most for the close's limit.
+// False (with one error line naming |name|) when that limit was reached.
+bool DetachWakeWatch(GSource* source, const std::string& name) {
+    WakeWatch* watch = AsWakeWatch(source);
+    g_mutex_lock(&watch->guard);
+    watch->detached = TRUE;
+    const gint64 limitUs = static_cast<gint64>(detail::OtherThreadWaitLimitMs()) * 1000;
+    const gint64 deadline = g_get_monotonic_time() + limitUs;
+    bool idle = true;
+    while (watch->runner != nullptr && watch->runner != g_thread_self()) {
+        if (!g_cond_wait_until(&watch->idle, &watch->guard, deadline)) {
+            idle = watch->runner == nullptr;
+            break;
+        }
+    }
+    g_mutex_unlock(&watch->guard);
+    if (!idle) {
+        QLOGE("event io %s: its loop still runs an event after %u ms; finalising without it",
+              name.c_str(), detail::OtherThreadWaitLimitMs());
+    }
+    return idle;
 }
 
 GSourceFuncs wakeWatchFuncs = {WakeWatchPrepare,  WakeWatchCheck, WakeWatchDispatch,
@@ -189,6 +425,10 @@ GSource* NewWakeWatch(GIOChannel* channel) {
     WakeWatch* watch = AsWakeWatch(source);
     watch->channel = g_io_channel_ref(channel);
     watch->dispatching = FALSE;
+    g_mutex_init(&watch->guard);
+    g_cond_init(&watch->idle);
+    watch->runner = nullptr;
+    watch->detached = FALSE;
     watch->pollfd.fd = g_io_channel_unix_get_fd(channel);
     watch->pollfd.events = G_IO_IN;
     watch->pollfd.revents = 0;
@@ -248,6 +488,15 @@ TCEventIO* ServingIO(const TCEvent* event) {
 
 }  // namespace
 
+unsigned long detail::SyncWaitUs() {
+    const unsigned long override_us = g_syncWaitOverrideUs.load();
+    return override_us != 0 ? override_us : kSyncWaitUs;
+}
+
+void detail::SetSyncWaitUsForTests(unsigned long us) {
+    g_syncWaitOverrideUs.store(us);
+}
+
 // ---------------------------------------------------------------------------
 // Construction
 
@@ -268,6 +517,15 @@ TCEventIO::TCEventIO(std::string name)
 
 // Owners call Final first: the events still queued are not destroyed here.
 TCEventIO::~TCEventIO() {
+    // One that did not leaves its watch attached to the loop: detach it, so
+    // that no later wake-up calls into a queue that is gone.
+    if (m_pWatch != nullptr) {
+        QLOGW("event io %s destroyed without Final: its watch is removed", m_Name.c_str());
+        DetachWakeWatch(m_pWatch, m_Name);
+        g_source_destroy(m_pWatch);
+        g_source_unref(m_pWatch);
+        m_pWatch = nullptr;
+    }
     m_Lock.Destroy();
 }
 
@@ -328,14 +586,28 @@ void TCEventIO::Final() {
         return;
     }
 
-    // Final runs on the loop's thread (or with the loop stopped), so the
-    // drain does not take the lock.
+    // From another thread, the loop's dispatch must be over first, and
+    // senders must stop appending: the drain below does not take the lock,
+    // as it runs on the loop's thread (or with the loop stopped) by design,
+    // and a list appended to while it is drained is corrupted. Senders see
+    // the queue destroyed from here on, as they would once Final returned.
+    if (m_pWatch != nullptr)
+        DetachWakeWatch(m_pWatch, m_Name);
+    m_Lock.Lock();
+    m_FlagCreate = false;
+    m_Lock.Unlock();
     while (!m_EventList.empty()) {
         TCEvent* event = m_EventList.front();
         m_EventList.pop_front();
+        if (auto* queued = dynamic_cast<QueuedSyncEvent*>(event)) {
+            // A synchronous sender's event is not the queue's to clear or
+            // destroy: the sender is released instead.
+            DropQueuedSyncEvent(queued);
+            continue;
+        }
         if (event->receiver != nullptr)
             event->receiver->OnClear(event);
-        // A synchronous sender's own object, if still queued, goes too.
+        // A synchronous sender's own object queued by SendEvent goes too.
         delete event;
     }
 
@@ -361,12 +633,21 @@ void TCEventIO::t_Final() {}
 
 bool TCEventIO::m_Put(TCEvent* event) {
     const bool copy = event != nullptr && !event->sync;
-    std::list<TCEvent*> node = NewQueueNode(event, copy);
+    std::list<TCEvent*> node;
+    SyncCall* call = t_queuingSyncCall;
+    if (event != nullptr && event->sync && call != nullptr && call->sender == event) {
+        // SendSyncEvent's own event: the queue holds the call, never the
+        // sender's object.
+        node.push_back(new QueuedSyncEvent(call));
+    } else {
+        node = NewQueueNode(event, copy);
+    }
     m_Lock.Lock();
     if (!m_FlagCreate) {
         QLOGE("event io %s has destroyed!", m_Name.c_str());
         m_Lock.Unlock();
-        DropUnqueued(node, copy);
+        // The copy, or what stood for a synchronous sender's event, goes.
+        DropUnqueued(node, copy || dynamic_cast<QueuedSyncEvent*>(node.front()) != nullptr);
         return false;
     }
     QUELT_ASSERT(event != NULL);
@@ -462,6 +743,10 @@ gboolean TCEventIO::m_InterIOWatch(GIOChannel* channel, GIOCondition /*condition
     std::unique_ptr<TCEvent> owned(taken);
     if (!got)
         return TRUE;
+    // What stands for a synchronous sender's event; dropped (its sender
+    // released) on the ways out that run nothing.
+    std::unique_ptr<QueuedSyncEvent, void (*)(QueuedSyncEvent*)> queuedSync(
+        dynamic_cast<QueuedSyncEvent*>(syncEvent), DropQueuedSyncEvent);
 
     gchar byte = 0;
     gsize len = 0;
@@ -502,6 +787,9 @@ gboolean TCEventIO::m_InterIOWatch(GIOChannel* channel, GIOCondition /*condition
         QUELT_CALL_GUARDED("OnClear", [&] { event.receiver->OnClear(&event); });
         return TRUE;
     }
+
+    if (queuedSync)
+        return RunQueuedSyncEvent(queuedSync.release());
 
     // The sender's own object: no deleted test and no clear step, since the
     // sender keeps it.
@@ -605,6 +893,10 @@ void TCEventIO::m_ClearAll() {
     while (!m_EventList.empty()) {
         TCEvent* event = m_EventList.front();
         m_EventList.pop_front();
+        if (auto* queued = dynamic_cast<QueuedSyncEvent*>(event)) {
+            DropQueuedSyncEvent(queued);
+            continue;
+        }
         if (event->receiver != nullptr)
             event->receiver->OnClear(event);
         delete event;
@@ -639,6 +931,18 @@ bool TCEventIO::SendSyncEvent(TCEvent* event) {
         QLOGE("receiver is NULL");
         return false;
     }
+    TCEventIO* io = ServingIO(event);
+    if (RunsOnThisThread(io)) {
+        // Waiting would only wait for ourselves: the loop runs the event
+        // once we return. It runs here and now instead, as the loop would
+        // run a synchronous event (no clear step), ahead of what is queued.
+        QLOGD("synchronous event %d sent to %s from its own loop's thread: run at once",
+              event->type, io->m_Name.c_str());
+        event->param.p = nullptr;
+        event->sync = true;
+        QUELT_CALL_GUARDED("OnEvent", [&] { event->receiver->OnEvent(event); });
+        return true;
+    }
     TCSemaphore* pair = NewSemaphorePair();
     if (pair == nullptr)
         return false;
@@ -646,15 +950,22 @@ bool TCEventIO::SendSyncEvent(TCEvent* event) {
     // Synchronous events cannot carry a parameter pointer of their own.
     event->param.p = pair;
     event->sync = true;
-    if (!ServingIO(event)->m_Put(event)) {
+    SyncCall* call = new SyncCall(pair, event);
+    t_queuingSyncCall = call;
+    const bool queued = io->m_Put(event);
+    t_queuingSyncCall = nullptr;
+    if (!queued) {
         // The pair stays with the event; nobody frees it.
         QLOGE("SendSyncEvent fails!");
+        call->pair = nullptr;
+        Unref(call);
         return false;
     }
-    // A timed-out wait reports success as well. The serving loop frees the
-    // pair, so it is not touched after the give.
-    pair[0].Try(kSyncWaitUs);
+    // A timed-out wait reports success as well.
+    if (!pair[0].Try(detail::SyncWaitUs()))
+        AbandonOrAwait(call, event);
     pair[1].Give();
+    Unref(call);
     return true;
 }
 

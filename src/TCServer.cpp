@@ -13,6 +13,7 @@
 #include "EndpointGuard.h"
 #include "Guarded.h"
 #include "QueltLog.h"
+#include "ServerCallbacks.h"
 #include "TCServerHelper.h"
 
 namespace Quelt {
@@ -75,9 +76,16 @@ TCServer::TCServer(std::string name, TCServerType type)
 }
 
 TCServer::~TCServer() {
-    // A server deleted without its close: late replies and queued requests
-    // must still find it gone (a no-op after CloseDBusServer).
-    detail::CloseEndpoint(this);
+    // A server deleted without its close: late replies, queued requests and
+    // GDBus's callbacks must still find it gone, and nobody may find it by
+    // name any more (a no-op after CloseDBusServer).
+    {
+        std::lock_guard<std::mutex> guard(detail::RegistryMutex());
+        auto found = m_CreatedDbusServers.find(m_name);
+        if (found != m_CreatedDbusServers.end() && found->second == this)
+            m_CreatedDbusServers.erase(found);
+    }
+    detail::ForgetEndpoint(this);
     m_closeLock.Destroy();
 }
 
@@ -122,6 +130,14 @@ void TCServer::CloseDBusProxy() {
 bool TCServer::CreateDBusServer() {
     ScopedLock lock(m_closeLock);
     QLOGI("m_CreateDBus type: %d", m_type);
+    // A close of this endpoint on another thread ends first (it does not
+    // hold the lock while it waits for other threads, and does not wait for
+    // this one meanwhile).
+    while (detail::IsBeingClosed(this)) {
+        m_closeLock.Unlock();
+        detail::WaitWhileBeingClosed(this);
+        m_closeLock.Lock();
+    }
     if (m_created)
         return true;
 
@@ -139,15 +155,16 @@ bool TCServer::CreateDBusServer() {
         return true;
     }
     const bool ownsName = m_type == SERVER_TYPE_APP || m_type == SERVER_TYPE_GADGET;
-    if (ownsName) {
-        if (!m_PrepareBusName())
-            return false;
-        // Ready before announced: a peer that sees the name owned may call
-        // at once, so the object is exported first.
-        if (!m_ExportObject())
-            return false;
-    }
+    if (ownsName && !m_PrepareBusName())
+        return false;
+    // Open before the object is exported: GDBus holds the endpoint's token.
     detail::OpenEndpoint(this, m_name);
+    // Ready before announced: a peer that sees the name owned may call at
+    // once, so the object is exported first.
+    if (ownsName && !m_ExportObject()) {
+        detail::ForgetEndpoint(this);
+        return false;
+    }
     {
         // Every type but the proxy is found by name from this process; an
         // in-process sender that saw the announcement finds it too.
@@ -229,9 +246,16 @@ bool TCServer::m_PrepareBusName() {
 bool TCServer::m_OwnName() {
     // Acquisition is reported later, in the callbacks, on the thread-default
     // main context of this thread.
+    // GDBus holds the endpoint's token, not the server: a callback it had
+    // queued before the close finds the endpoint gone (m_OnNameAcquired and
+    // m_OnNameLost are reached through ServerCallbacks).
+    gpointer ownerRef = detail::NewCallbackRef(detail::TokenOf(this));
     m_ownerId = g_bus_own_name_on_connection(m_connection, m_busName.c_str(), kOwnFlags,
-                                             m_OnNameAcquired, m_OnNameLost, this, nullptr);
+                                             detail::ServerCallbacks::NameAcquired,
+                                             detail::ServerCallbacks::NameLost, ownerRef,
+                                             detail::FreeCallbackRef);
     if (m_ownerId == 0) {
+        detail::FreeCallbackRef(ownerRef);
         QLOGE("Request bus name fail!");
         return false;
     }
@@ -251,12 +275,17 @@ bool TCServer::m_ExportObject() {
         }
     }
     QLOGI("Register Obj Path(%s)", m_objectPath.c_str());
-    // Method calls arrive on the thread-default main context of this thread.
-    m_registrationId = g_dbus_connection_register_object(m_connection, m_objectPath.c_str(),
-                                                         m_nodeInfo->interfaces[0], &m_gVTable,
-                                                         this, nullptr, nullptr);
+    // Method calls arrive on the thread-default main context of this thread,
+    // through the endpoint's token (m_gVTable's m_DObjectHandler is reached
+    // through ServerCallbacks while the endpoint is open).
+    gpointer ref = detail::NewCallbackRef(detail::TokenOf(this));
+    m_registrationId = g_dbus_connection_register_object(
+        m_connection, m_objectPath.c_str(), m_nodeInfo->interfaces[0],
+        &detail::ServerCallbacks::kObjectVTable, ref, detail::FreeCallbackRef, nullptr);
     QLOGI("Get register id : %u", m_registrationId);
     if (m_registrationId == 0) {
+        // Refused, GDBus keeps nothing: the reference is ours to release.
+        detail::FreeCallbackRef(ref);
         QLOGE("Register Obj Path Fail!");
         return false;
     }
@@ -265,15 +294,23 @@ bool TCServer::m_ExportObject() {
 
 void TCServer::CloseDBusServer() {
     QLOGD("close %s begin", m_name.c_str());
-    ScopedLock lock(m_closeLock);
-    if (m_connection == nullptr) {
+    m_closeLock.Lock();
+    if (detail::IsBeingClosed(this)) {
+        // Another thread is closing this endpoint and waits for the others:
+        // it does not wait for this thread meanwhile.
+        m_closeLock.Unlock();
+        detail::WaitWhileBeingClosed(this);
         QLOGD("%s has closed.", m_name.c_str());
         return;
     }
+    if (m_connection == nullptr) {
+        QLOGD("%s has closed.", m_name.c_str());
+        m_closeLock.Unlock();
+        return;
+    }
     // Nobody finds us from here on: the entry goes first, then the token
-    // (late replies and queued requests find the endpoint closed), then we
-    // wait for the threads that reached us before (in-process senders,
-    // handlers running).
+    // (late replies, queued requests and GDBus's callbacks find the endpoint
+    // closed, and new sends are refused).
     if (m_type != SERVER_TYPE_PROXY) {
         std::lock_guard<std::mutex> guard(detail::RegistryMutex());
         // Only our own entry: a server whose create failed because its name
@@ -282,17 +319,23 @@ void TCServer::CloseDBusServer() {
         if (found != m_CreatedDbusServers.end() && found->second == this)
             m_CreatedDbusServers.erase(found);
     }
-    detail::CloseEndpoint(this);
-    // Senders raise the count only while holding the lock we now hold, so it
-    // can only fall from here on. A send may wait for a slow peer for its
-    // whole timeout: sleep until the last one wakes us.
+    detail::BeginClose(this);
     QLOGD("waiting all send message/signal finished %ud",
           static_cast<unsigned>(g_atomic_int_get(&m_sendCount)));
-    detail::WaitForSends(&m_sendCount);
-    QLOGD("all send message/signal finished");
+    // Then wait for the threads that reached us before: in-process senders,
+    // handlers running, our own sends in flight. Without the lock, so that
+    // a handler may still subscribe, send or close meanwhile; at most for
+    // a bounded time, after which nothing that still runs touches us again.
+    m_closeLock.Unlock();
+    if (detail::WaitForOtherThreads(this))
+        QLOGD("all send message/signal finished");
+    m_closeLock.Lock();
 
     std::vector<unsigned int> ids;
-    m_signalManager.Destroy(ids);
+    {
+        std::lock_guard<std::mutex> tables(detail::SignalTablesMutex());
+        m_signalManager.Destroy(ids);
+    }
     for (unsigned int id : ids)
         g_dbus_connection_signal_unsubscribe(m_connection, id);
 
@@ -312,6 +355,10 @@ void TCServer::CloseDBusServer() {
     m_connection = nullptr;
     QLOGD("close connection and all close motion finished");
     m_created = false;
+    m_closeLock.Unlock();
+    // Last, and after the unlock: a thread that waits for this close (to
+    // create, to close or to delete the server) may go on at once.
+    detail::EndClose(this, &m_sendCount);
 }
 
 void TCServer::m_OnNameAcquired(GDBusConnection* /*connection*/, const gchar* /*name*/,
@@ -357,8 +404,18 @@ bool TCServer::IsServiceAvailable(const char* serviceName) {
         QLOGW("%s is null", "serviceName");
         return false;
     }
-    if (m_connection == nullptr || g_dbus_connection_is_closed(m_connection)) {
+    // Our own reference: a close on another thread may drop the endpoint's
+    // meanwhile.
+    GDBusConnection* connection = nullptr;
+    {
+        ScopedLock lock(m_closeLock);
+        if (m_connection != nullptr)
+            connection = static_cast<GDBusConnection*>(g_object_ref(m_connection));
+    }
+    if (connection == nullptr || g_dbus_connection_is_closed(connection)) {
         QLOGE("dbus connection is not open");
+        if (connection != nullptr)
+            g_object_unref(connection);
         return false;
     }
     // Application and service names only: a gadget's real bus name carries
@@ -368,9 +425,10 @@ bool TCServer::IsServiceAvailable(const char* serviceName) {
 
     GError* error = nullptr;
     GVariant* result = g_dbus_connection_call_sync(
-        m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
         "NameHasOwner", g_variant_new("(s)", busName.c_str()), G_VARIANT_TYPE("(b)"),
         G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+    g_object_unref(connection);
     if (result == nullptr) {
         if (error != nullptr) {
             QLOGE("sync call fail (%s, %d)", error->message, error->code);

@@ -18,6 +18,7 @@
 #include "EventPayloads.h"
 #include "Guarded.h"
 #include "QueltLog.h"
+#include "ServerCallbacks.h"
 #include "TCEventIO.h"
 #include "TCServer.h"
 #include "TCServerHelper.h"
@@ -50,11 +51,6 @@ GVariant* NewReplyValue(const char* from, unsigned int code, const char* type, c
         size = sizeof(kNoBuffer);
     }
     return g_variant_new("(suss@a*)", from, code, type, message, NewBufferValue(buffer, size));
-}
-
-void ReturnErrorReply(GDBusMethodInvocation* invocation) {
-    g_dbus_method_invocation_return_value(invocation,
-                                          NewReplyValue("", 0, "", kErrorReply, nullptr, 0));
 }
 
 const char* OrNull(const char* text) {
@@ -106,7 +102,7 @@ struct QueuedRequest {
     ~QueuedRequest() {
         if (handled)
             return;
-        ReturnErrorReply(invocation);
+        detail::ReturnErrorReply(invocation);
         delete message;
         delete[] from;
     }
@@ -121,6 +117,11 @@ struct QueuedRequest {
 };
 
 }  // namespace
+
+void detail::ReturnErrorReply(GDBusMethodInvocation* invocation) {
+    g_dbus_method_invocation_return_value(invocation,
+                                          NewReplyValue("", 0, "", kErrorReply, nullptr, 0));
+}
 
 bool TCServer::SendMessage(const char* source, const char* dest, const TCMessage* message,
                            bool sync, TCMessage* reply) {
@@ -156,8 +157,13 @@ bool TCServer::SendMessage(const char* dest, const TCMessage* message, bool sync
         QLOGE("Server is going to be closed!");
         return false;
     }
-    g_atomic_int_inc(&m_sendCount);
+    // Counted until the send returns; our close waits for it.
+    detail::SendInFlight inFlight(this, &m_sendCount);
     m_closeLock.Unlock();
+    if (inFlight.Result() == detail::SendInFlight::kClosing) {
+        QLOGE("Server is going to be closed!");
+        return false;
+    }
 
     std::string busName = std::string(dest) + ".message";
     bool result = false;
@@ -169,15 +175,16 @@ bool TCServer::SendMessage(const char* dest, const TCMessage* message, bool sync
         auto found = m_CreatedDbusServers.find(dest);
         if (found != m_CreatedDbusServers.end()) {
             receiver = detail::PinIfOpenLocked(found->second);
-            busName = found->second->m_busName;
+            // Read only while pinned: an entry that is not open any more
+            // may name a server that is gone.
+            if (receiver)
+                busName = receiver.get()->m_busName;
         }
     }
     if (receiver)
         result = m_SendInProcess(receiver.get(), dest, message, sync, reply, delivered);
     if (!delivered)
         result = m_SendOnBus(dest, busName, message, sync, reply, timeout);
-
-    detail::EndSend(&m_sendCount);
     return result;
 }
 
@@ -318,7 +325,7 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
     QLOGI("");
     if (userData == nullptr) {
         QLOGE("pThis NULL");
-        ReturnErrorReply(invocation);
+        detail::ReturnErrorReply(invocation);
         return;
     }
     // A call dispatched while another thread closes the endpoint: the
@@ -327,7 +334,7 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
     if (!pin) {
         QLOGW("request %s dropped: the endpoint was closed",
               methodName != nullptr ? methodName : "");
-        ReturnErrorReply(invocation);
+        detail::ReturnErrorReply(invocation);
         return;
     }
     TCServer* server = pin.get();
@@ -346,7 +353,7 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
         QLOGI("SendMessageWithBuffer");
     } else {
         QLOGE("error method name : %s", method.c_str());
-        ReturnErrorReply(invocation);
+        detail::ReturnErrorReply(invocation);
         return;
     }
     // The interface declares the buffer as "a*", so the bus lets any array
@@ -355,7 +362,7 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
         QLOGW("refused payload %s of %s: not (suss), (sussa(y)) or (sussay)",
               parameters != nullptr ? g_variant_get_type_string(parameters) : "null",
               method.c_str());
-        ReturnErrorReply(invocation);
+        detail::ReturnErrorReply(invocation);
         return;
     }
     GVariant* payload = detail::ToFrameworkPayload(parameters);
@@ -379,7 +386,7 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
                             [&] { moved = server->IfHandleInEventIO(from, received, &eventIO); })) {
         delete received;
         delete[] from;
-        ReturnErrorReply(invocation);
+        detail::ReturnErrorReply(invocation);
         return;
     }
     if (moved && eventIO != nullptr) {
@@ -444,6 +451,10 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
 
 void TCServer::m_HandleMsg(const char* from, const TCMessage* message,
                            GDBusMethodInvocation* invocation) {
+    // Taken before the handler runs: once it returns, the endpoint may have
+    // been closed by another thread that stopped waiting for us, and
+    // nothing of the server is touched any more.
+    const std::string name = m_name;
     TCMessage reply;
     const bool handled = QUELT_CALL_GUARDED(
         "IfMessageReceived", [&] { IfMessageReceived(from, message, &reply, nullptr); });
@@ -452,7 +463,7 @@ void TCServer::m_HandleMsg(const char* from, const TCMessage* message,
     delete[] from;
     if (!handled) {
         // Whatever the handler left in the reply is not an answer.
-        ReturnErrorReply(invocation);
+        detail::ReturnErrorReply(invocation);
         return;
     }
 
@@ -462,15 +473,15 @@ void TCServer::m_HandleMsg(const char* from, const TCMessage* message,
     const unsigned int size = reply.GetBuffer(buffer);
     // A reply above the bus's limit would cost this process its
     // connection: the caller gets the error reply instead.
-    const size_t wireSize = detail::MessageWireSize({"", "", "", ""}, m_name, reply.m_type, text,
+    const size_t wireSize = detail::MessageWireSize({"", "", "", ""}, name, reply.m_type, text,
                                                     true, std::max(size, 1u));
     if (!detail::FitsOnBus(wireSize, "reply")) {
-        ReturnErrorReply(invocation);
+        detail::ReturnErrorReply(invocation);
     } else {
         // |reply| owns the bytes until the reply has been serialised, which
         // happens inside this call.
         g_dbus_method_invocation_return_value(
-            invocation, NewReplyValue(m_name.c_str(), reply.m_code, reply.m_type.c_str(),
+            invocation, NewReplyValue(name.c_str(), reply.m_code, reply.m_type.c_str(),
                                       text.c_str(), buffer, size));
     }
     detail::ReleaseHeapAfter(std::max<size_t>(receivedBytes, size));

@@ -15,6 +15,7 @@
 #include "Guarded.h"
 #include "MessageText.h"
 #include "QueltLog.h"
+#include "ServerCallbacks.h"
 #include "TCServer.h"
 #include "TCServerHelper.h"
 #include "TCWrapperMessageOpr.h"
@@ -44,6 +45,8 @@ bool IsOpen(GDBusConnection* connection) {
     return connection != nullptr && !g_dbus_connection_is_closed(connection);
 }
 
+detail::EndpointPin FindSource(const char* source);
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -59,12 +62,16 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
         QLOGE("Server is going to be closed!");
         return false;
     }
-    g_atomic_int_inc(&m_sendCount);
+    // Counted until the emission returns; the close waits for it.
+    detail::SendInFlight inFlight(this, &m_sendCount);
     m_closeLock.Unlock();
+    if (inFlight.Result() == detail::SendInFlight::kClosing) {
+        QLOGE("Server is going to be closed!");
+        return false;
+    }
 
     if (!IsOpen(m_connection)) {
         QLOGE("dbus connection is not open");
-        detail::EndSend(&m_sendCount);
         return false;
     }
 
@@ -97,7 +104,6 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
     if (!detail::FitsOnBus(detail::MessageWireSize({"", m_objectPath, m_busName, signalName},
                                                    m_name, *type, text, withBuffer, size),
                            "signal")) {
-        detail::EndSend(&m_sendCount);
         return false;
     }
 
@@ -120,17 +126,12 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
     }
     g_variant_unref(payload);
     QLOGD("Send signal %s : %s.", signalName, emitted ? "success" : "fail");
-    detail::EndSend(&m_sendCount);
     return emitted != FALSE;
 }
 
 bool TCServer::SendSignal(const char* source, const char* signalName, const TCMessage* message) {
-    TCServer* server = m_GetDbusServer(source);
-    if (server == nullptr) {
-        QLOGW("%s is null", "server");
-        return false;
-    }
-    return server->SendSignal(signalName, message);
+    detail::EndpointPin server = FindSource(source);
+    return server && server.get()->SendSignal(signalName, message);
 }
 
 // ---------------------------------------------------------------------------
@@ -145,8 +146,10 @@ bool TCServer::SubscribeSignal(const char* from, const char* signalName,
         case 1:
             QLOGI("already registered [%s]", key.c_str());
             return true;
-        case 0:
+        case 0: {
+            std::lock_guard<std::mutex> tables(detail::SignalTablesMutex());
             m_signalManager.SubscribeNativeSignal(key, signalName, handler, userData, id);
+        }
             QLOGI("SubscribeSignal %s success", key.c_str());
             return true;
         default:
@@ -164,8 +167,10 @@ bool TCServer::SubscribeManagedSignal(const char* from, const char* signalName,
     switch (m_SubscribeSignal(from, signalName, MANAGED_SIGNAL, id, key)) {
         case 1:
             return true;
-        case 0:
+        case 0: {
+            std::lock_guard<std::mutex> tables(detail::SignalTablesMutex());
             m_signalManager.SubscribeManagedSignal(key, signalName, handler, userData, id);
+        }
             QLOGI("Subscribe Managed Signal %s success", key.c_str());
             return true;
         default:
@@ -197,18 +202,28 @@ bool TCServer::UnSubscribeKeySignal(const char* /*from*/, const char* /*signalNa
 // Subscription (static forms: |source| is the subscribing server of this
 // process; through them a subscription always names its sender)
 
+namespace {
+
+// The server of this process named |source|, pinned for the call: a close
+// on another thread waits for it, and one already closing is not found.
+detail::EndpointPin FindSource(const char* source) {
+    TCServer* server = TCServer::m_GetDbusServer(source);
+    detail::EndpointPin pin = detail::PinIfOpen(server);
+    if (!pin)
+        QLOGW("%s is null", "server");
+    return pin;
+}
+
+}  // namespace
+
 bool TCServer::SubscribeSignal(const char* source, const char* from, const char* signalName,
                                TCNativeSignalHandler handler, void* userData) {
     if (from == nullptr) {
         QLOGW("%s is null", "from");
         return false;
     }
-    TCServer* server = m_GetDbusServer(source);
-    if (server == nullptr) {
-        QLOGW("%s is null", "server");
-        return false;
-    }
-    return server->SubscribeSignal(from, signalName, handler, userData);
+    detail::EndpointPin server = FindSource(source);
+    return server && server.get()->SubscribeSignal(from, signalName, handler, userData);
 }
 
 bool TCServer::SubscribeManagedSignal(const char* source, const char* from, const char* signalName,
@@ -217,12 +232,8 @@ bool TCServer::SubscribeManagedSignal(const char* source, const char* from, cons
         QLOGW("%s is null", "from");
         return false;
     }
-    TCServer* server = m_GetDbusServer(source);
-    if (server == nullptr) {
-        QLOGW("%s is null", "server");
-        return false;
-    }
-    return server->SubscribeManagedSignal(from, signalName, handler, userData);
+    detail::EndpointPin server = FindSource(source);
+    return server && server.get()->SubscribeManagedSignal(from, signalName, handler, userData);
 }
 
 bool TCServer::UnSubscribeSignal(const char* source, const char* from, const char* signalName) {
@@ -230,12 +241,8 @@ bool TCServer::UnSubscribeSignal(const char* source, const char* from, const cha
         QLOGW("%s is null", "from");
         return false;
     }
-    TCServer* server = m_GetDbusServer(source);
-    if (server == nullptr) {
-        QLOGW("%s is null", "server");
-        return false;
-    }
-    return server->UnSubscribeSignal(from, signalName);
+    detail::EndpointPin server = FindSource(source);
+    return server && server.get()->UnSubscribeSignal(from, signalName);
 }
 
 bool TCServer::UnSubscribeManagedSignal(const char* source, const char* from,
@@ -244,31 +251,19 @@ bool TCServer::UnSubscribeManagedSignal(const char* source, const char* from,
         QLOGW("%s is null", "from");
         return false;
     }
-    TCServer* server = m_GetDbusServer(source);
-    if (server == nullptr) {
-        QLOGW("%s is null", "server");
-        return false;
-    }
-    return server->UnSubscribeManagedSignal(from, signalName);
+    detail::EndpointPin server = FindSource(source);
+    return server && server.get()->UnSubscribeManagedSignal(from, signalName);
 }
 
 bool TCServer::SubscribeKeySignal(const char* source, const char* from, const char* signalName,
                                   TCNativeSignalHandler handler, void* userData) {
-    TCServer* server = m_GetDbusServer(source);
-    if (server == nullptr) {
-        QLOGW("%s is null", "server");
-        return false;
-    }
-    return server->SubscribeKeySignal(from, signalName, handler, userData);
+    detail::EndpointPin server = FindSource(source);
+    return server && server.get()->SubscribeKeySignal(from, signalName, handler, userData);
 }
 
 bool TCServer::UnSubscribeKeySignal(const char* source, const char* from, const char* signalName) {
-    TCServer* server = m_GetDbusServer(source);
-    if (server == nullptr) {
-        QLOGW("%s is null", "server");
-        return false;
-    }
-    return server->UnSubscribeKeySignal(from, signalName);
+    detail::EndpointPin server = FindSource(source);
+    return server && server.get()->UnSubscribeKeySignal(from, signalName);
 }
 
 // ---------------------------------------------------------------------------
@@ -291,16 +286,23 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signalName, TCSign
     if (from != nullptr) {
         interfaceName = m_GetDBusName(from);
         key = interfaceName + "." + signalName;
+        std::lock_guard<std::mutex> tables(detail::SignalTablesMutex());
         if (m_signalManager.IfSignalSubscribed(type, key))
             return 1;
     } else {
         key = signalName;
     }
     QLOGI("Begin subscribe signal");
+    // GDBus holds the endpoint's token, not the server: a signal it had
+    // queued before the close finds the endpoint gone (m_DSignalHandler is
+    // reached through ServerCallbacks).
+    gpointer ref = detail::NewCallbackRef(detail::TokenOf(this));
     id = g_dbus_connection_signal_subscribe(
         m_connection, nullptr, from != nullptr ? interfaceName.c_str() : nullptr, signalName,
-        nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, m_DSignalHandler, this, nullptr);
+        nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, detail::ServerCallbacks::Signal, ref,
+        detail::FreeCallbackRef);
     if (id == 0) {
+        detail::FreeCallbackRef(ref);
         QLOGE("fail to subscribe signal");
         return -1;
     }
@@ -320,16 +322,21 @@ bool TCServer::m_UnSubscribeSignal(const char* from, const char* signalName, TCS
     }
     const std::string key = m_GetDBusName(from) + "." + signalName;
     unsigned int id = 0;
-    if (m_signalManager.UnsubscribeSignal(type, key, id)) {
-        g_dbus_connection_signal_unsubscribe(m_connection, id);
+    bool found = false;
+    {
+        std::lock_guard<std::mutex> tables(detail::SignalTablesMutex());
+        found = m_signalManager.UnsubscribeSignal(type, key, id);
     }
+    if (found)
+        g_dbus_connection_signal_unsubscribe(m_connection, id);
     return true;
 }
 
 // ---------------------------------------------------------------------------
 // Dispatch, on the main context that was the thread-default of the
-// subscribing thread. The registry is read without the server's lock: it is
-// filled before the signals it waits for arrive.
+// subscribing thread. The registry is read without the server's lock, under
+// the lock of the subscription tables only, which another thread's
+// subscribe or unsubscribe takes while it changes them.
 
 void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* senderName,
                                 const char* objectPath, const char* interfaceName,
@@ -362,10 +369,15 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
     void* nativeData = nullptr;
     TCManagedSignalHandler managedHandler = nullptr;
     void* managedData = nullptr;
-    if (!server->m_signalManager.GetHandlerForNativeSignal(signalName, key, nativeHandler,
-                                                           nativeData) &&
-        !server->m_signalManager.GetHandlerForManagedSignal(signalName, key, managedHandler,
-                                                            managedData)) {
+    bool found = false;
+    {
+        std::lock_guard<std::mutex> tables(detail::SignalTablesMutex());
+        found = server->m_signalManager.GetHandlerForNativeSignal(signalName, key, nativeHandler,
+                                                                  nativeData) ||
+                server->m_signalManager.GetHandlerForManagedSignal(signalName, key, managedHandler,
+                                                                   managedData);
+    }
+    if (!found) {
         QLOGI("no register info of %s", key.c_str());
         return;
     }

@@ -3,10 +3,52 @@
 
 #include "TCTask.h"
 
+#include <condition_variable>
+#include <map>
+#include <mutex>
+
 #include "Guarded.h"
 #include "QueltLog.h"
 
 namespace Quelt {
+
+namespace {
+
+// How far a task's thread has come, kept beside the task (whose layout is
+// fixed) and written by the thread itself: Destroy must not send the exit
+// event before the loop exists (it would never arrive, and the join would
+// wait for good), and the thread must not be left running on a task that
+// goes away.
+struct TaskRun {
+    bool started = false;   // the loop was built, or failed to be
+    bool loopRuns = false;  // built: t_Main runs (or is about to)
+    bool ending = false;    // the loop is over: the thread finalises and ends
+    bool ended = false;     // the thread is done with the task
+};
+
+std::mutex& TaskRunsMutex() {
+    static auto* mutex = new std::mutex();
+    return *mutex;
+}
+
+std::condition_variable& TaskRunsChanged() {
+    static auto* changed = new std::condition_variable();
+    return *changed;
+}
+
+std::map<const TCTask*, TaskRun>& TaskRuns() {
+    static auto* runs = new std::map<const TCTask*, TaskRun>();
+    return *runs;
+}
+
+template <typename Change>
+void UpdateRun(const TCTask* task, Change change) {
+    std::lock_guard<std::mutex> guard(TaskRunsMutex());
+    change(TaskRuns()[task]);
+    TaskRunsChanged().notify_all();
+}
+
+}  // namespace
 
 TCTask::TCTask(const char* name)
     : TCEventIO(std::string(name != nullptr ? name : "")),
@@ -18,6 +60,25 @@ TCTask::TCTask(const char* name)
 TCTask::~TCTask() {
     // The thread and the loop are Destroy's and the thread's business.
     QLOGI("");
+    bool running = false;
+    {
+        std::lock_guard<std::mutex> guard(TaskRunsMutex());
+        auto found = TaskRuns().find(this);
+        if (found != TaskRuns().end()) {
+            // A thread that is ending on its own is only joined below.
+            running = !found->second.ended && !found->second.ending;
+            TaskRuns().erase(found);
+        }
+    }
+    GThread* thread = static_cast<GThread*>(g_atomic_pointer_get(&m_pThread));
+    if (running && thread != nullptr) {
+        // Its thread would go on with freed memory: stop here, loudly.
+        QLOGE("task %s destroyed while its thread runs: call Destroy first", GetName().c_str());
+        QUELT_ASSERT(!"task destroyed while its thread runs");
+    }
+    // A thread that ended by itself is joined, so that it is released.
+    if (thread != nullptr)
+        g_thread_join(thread);
 }
 
 bool TCTask::Create(const char* name, bool initInCaller, unsigned long option) {
@@ -44,7 +105,19 @@ void TCTask::Destroy() {
             "to destroy!");
         return;
     }
-    if (m_pLoop != nullptr) {
+    bool loopRuns = m_pLoop != nullptr;
+    if (thread != nullptr) {
+        // A thread that is still building its loop is waited for: an exit
+        // event sent before the loop exists would never end it.
+        std::unique_lock<std::mutex> lock(TaskRunsMutex());
+        TaskRunsChanged().wait(lock, [this] {
+            const TaskRun& run = TaskRuns()[this];
+            return run.started || run.ended;
+        });
+        const TaskRun& run = TaskRuns()[this];
+        loopRuns = run.loopRuns && !run.ended;
+    }
+    if (loopRuns) {
         // The task's own handler quits the loop on this event, so t_Main
         // returns and the thread finalises its IOs itself.
         TCEvent exitEvent;
@@ -80,6 +153,7 @@ bool TCTask::m_NewThread(const char* name, unsigned long option, bool initInCall
         Destroy();
         return false;
     }
+    UpdateRun(this, [](TaskRun& run) { run = TaskRun(); });
     GError* error = nullptr;
     GThread* thread = g_thread_try_new(name, m_ThreadProcess, this, &error);
     // The thread stores itself as well (m_ThreadProcess), so both writes
@@ -103,11 +177,28 @@ gpointer TCTask::m_ThreadProcess(gpointer task) {
     // at once.
     // The thread's entry is called from GLib: nothing may unwind out of it.
     // A task whose loop ended by an exception still tears down its IOs.
+    // The start is reported whatever happens in the loop's building (an
+    // exception included), so that Destroy never waits for good.
+    bool built = false;
     QUELT_CALL_GUARDED("t_Main", [&] {
-        if (self->m_InitMainLoop())
+        built = self->m_InitMainLoop();
+        UpdateRun(self, [built](TaskRun& run) {
+            run.started = true;
+            run.loopRuns = built;
+        });
+        if (built)
             self->t_Main();
     });
+    // The loop has ended (or never ran): an exit event would find the queue
+    // finalised.
+    UpdateRun(self, [](TaskRun& run) {
+        run.started = true;
+        run.loopRuns = false;
+        run.ending = true;
+    });
     QUELT_CALL_GUARDED("m_Destroy", [&] { self->m_Destroy(); });
+    // The last touch of the task: its owner may delete it from here on.
+    UpdateRun(self, [](TaskRun& run) { run.ended = true; });
     return nullptr;
 }
 

@@ -139,25 +139,33 @@ public:
 TEST(EventIOInit, FailingTInitLeavesTheIoUncreatedWithPipeAndWatch) {
     LogCapture capture;
     LocalLoop local;
-    RefusingIO io;
-    EXPECT_FALSE(io.Init(local.loop));
-    EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "End"));
-    EXPECT_FALSE(TCEventIOTestPeer::FlagCreate(&io));
-    EXPECT_NE(-1, TCEventIOTestPeer::WriteEnd(&io));
-    GSource* watch = TCEventIOTestPeer::Watch(&io);
-    ASSERT_NE(nullptr, watch);
+    int pipeEnds[2] = {-1, -1};
+    {
+        RefusingIO io;
+        EXPECT_FALSE(io.Init(local.loop));
+        EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "End"));
+        EXPECT_FALSE(TCEventIOTestPeer::FlagCreate(&io));
+        EXPECT_NE(-1, TCEventIOTestPeer::WriteEnd(&io));
+        GSource* watch = TCEventIOTestPeer::Watch(&io);
+        ASSERT_NE(nullptr, watch);
+        EXPECT_EQ(local.context, g_source_get_context(watch));
 
-    TCEvent event = UserEvent(&io, kUser);
-    EXPECT_FALSE(TCEventIO::SendEvent(&event));
-    EXPECT_TRUE(capture.HasFramework(DLOG_ERROR, "event io refusing has destroyed!"));
-    io.Final();
-    EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "already final"));
-
-    // Nothing detaches such an IO; the test releases what it left behind.
-    g_source_destroy(watch);
-    g_source_unref(watch);
-    close(TCEventIOTestPeer::ReadEnd(&io));
-    close(TCEventIOTestPeer::WriteEnd(&io));
+        TCEvent event = UserEvent(&io, kUser);
+        EXPECT_FALSE(TCEventIO::SendEvent(&event));
+        EXPECT_TRUE(capture.HasFramework(DLOG_ERROR, "event io refusing has destroyed!"));
+        io.Final();
+        EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "already final"));
+        pipeEnds[0] = TCEventIOTestPeer::ReadEnd(&io);
+        pipeEnds[1] = TCEventIOTestPeer::WriteEnd(&io);
+    }
+    // Final does not detach such an IO; its destructor removes the watch it
+    // left on the loop, so that no wake-up reaches a queue that is gone.
+    EXPECT_EQ(1u, capture.CountFramework(
+                      DLOG_WARN, "event io refusing destroyed without Final: its watch is removed"));
+    EXPECT_FALSE(DispatchOne(local.context));
+    // The pipe stays open on this path; the test closes it.
+    close(pipeEnds[0]);
+    close(pipeEnds[1]);
 }
 
 TEST(EventIOInit, PipeCreationFailureIsLogged) {
