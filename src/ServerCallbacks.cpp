@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What GLib and GDBus call back for an endpoint. See ServerCallbacks.h.
 
 #include "ServerCallbacks.h"

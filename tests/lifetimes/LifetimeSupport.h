@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared pieces of the lifetime tests: gates, loops on threads of their
 // own, an endpoint whose handler runs a hook, and a watchdog for deadlocks.
 #ifndef HARVO_TEST_LIFETIMES_LIFETIMESUPPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Four ways ordinary public calls used to reach a crash or a hang:
 //   1. a close and a handler of the same endpoint waiting for each other;
 //   2. a synchronous event whose wait ended early (or that was sent from

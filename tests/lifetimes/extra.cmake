@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The lifetime tests: every place where GLib or GDBus calls the framework
 # back, closed, deleted, or both on another thread while calls are in
 # flight. They run on a private bus, with the bus tests' peer, and link the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every kind of callback that GLib or GDBus holds for a framework object,
 // each with calls in flight while the object is
 //   - closed (the object stays),
