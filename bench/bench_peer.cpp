@@ -68,7 +68,9 @@ public:
 
 const unsigned char kNoBuffer[1] = {0};
 
-// The raw echo: the same reply the framework's endpoint gives.
+// The raw echo: the same reply the framework's endpoint gives, its buffer in
+// the format it came in ("a(y)", or "ay" for the rows of the negotiated
+// format).
 void RawMethod(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method,
                GVariant* parameters, GDBusMethodInvocation* invocation, gpointer) {
     const char* from = nullptr;

@@ -290,6 +290,7 @@ if [[ $sanitizers -eq 1 ]]; then
         "1a. async events, 4 producers" "1b. async events, 4 producers" "2a. SendSyncEvent"
         "2b. SendSyncEvent" "3. in-process sync SendMessage" "4a. bus sync message"
         "4b. bus sync message" "4c. bus sync message" "4d. bus sync message"
+        "4e. bus sync message" "4f. bus sync message"
         "5. signal ping-pong" "6a. body parse" "6b. body generate" "6c. body copy"
         "7a. heap bytes per queued event" "7b. heap bytes per bus endpoint" "7c. RSS after")
     missing=()

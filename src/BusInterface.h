@@ -12,10 +12,15 @@ namespace detail {
 
 // The message interface; formatted with the bus name as interface name.
 // The buffer is declared with the indefinite array type so that any array
-// passes GDBus's argument check; it carries an array of one-byte structures.
+// passes GDBus's argument check; it carries an array of one-byte structures,
+// or a plain byte array between endpoints that both announce it: the
+// annotation "harvo.fw.Buffer.ByteArray" = "true" (kByteArrayAnnotation,
+// BufferFormat.h) on the interface, which introspection shows and which
+// changes nothing else.
 inline constexpr char kInterfaceXml[] =
     "<node>"
     "<interface name='%s'>"
+    "<annotation name='harvo.fw.Buffer.ByteArray' value='true'/>"
     "<method name='SendMessage'>"
     "<arg type='s' name='from' direction='in'/>"
     "<arg type='u' name='code' direction='in'/>"

@@ -35,7 +35,7 @@ const size_t kDaemonFieldsBytes = 128;
 }  // namespace
 
 size_t MessageWireSize(const WireHeader& header, std::string_view from, std::string_view type,
-                       std::string_view text, bool withBuffer, size_t bufferSize) {
+                       std::string_view text, bool withBuffer, size_t bufferSize, bool byteArray) {
     // Fixed part: endianness, type, flags, version, body length, serial,
     // then the length of the field array.
     size_t size = 16;
@@ -43,14 +43,17 @@ size_t MessageWireSize(const WireHeader& header, std::string_view from, std::str
     size = AfterHeaderField(size, header.interfaceName);
     size = AfterHeaderField(size, header.member);
     size = AfterHeaderField(size, header.destination);
-    size = AfterHeaderField(size, withBuffer ? "sussa(y)" : "suss");
+    size = AfterHeaderField(size, !withBuffer ? "suss" : byteArray ? "sussay" : "sussa(y)");
     size = Align(size + kDaemonFieldsBytes, 8);
 
     size_t body = AfterString(0, from);
     body = Align(body, 4) + 4;  // code
     body = AfterString(body, type);
     body = AfterString(body, text);
-    if (withBuffer) {
+    if (withBuffer && byteArray) {
+        // Array length, then the bytes.
+        body = Align(body, 4) + 4 + bufferSize;
+    } else if (withBuffer) {
         // Array length, then the elements from an 8-byte boundary: each
         // one-byte structure is padded to 8 except the last.
         body = Align(body, 4) + 4;

@@ -33,10 +33,12 @@ struct WireHeader {
 
 /* An upper bound of the marshalled size of a message whose body is
  * (from, code, type, text) followed, when |withBuffer|, by |bufferSize|
- * bytes as an array of one-byte structures (8 bytes each on the wire). The
- * header allows for the fields the daemon adds (sender, serials). */
+ * bytes as an array of one-byte structures (8 bytes each on the wire) or,
+ * when |byteArray|, as a plain byte array (1 byte each). The header allows
+ * for the fields the daemon adds (sender, serials). */
 size_t MessageWireSize(const WireHeader& header, std::string_view from, std::string_view type,
-                       std::string_view text, bool withBuffer, size_t bufferSize);
+                       std::string_view text, bool withBuffer, size_t bufferSize,
+                       bool byteArray = false);
 
 /* True when a message of |wireSize| bytes passes the bus; otherwise logs
  * one error line naming |what| and both sizes. */

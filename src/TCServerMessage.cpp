@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "BufferFormat.h"
 #include "BusLimits.h"
 #include "BusPayload.h"
 #include "EndpointGuard.h"
@@ -36,21 +37,30 @@ const char kErrorReply[] = "{\"dbus_result\":\"fail\",\"errmsg\":\"error handlin
 // "no buffer".
 const unsigned char kNoBuffer[1] = {0};
 
-// Wraps |size| bytes as an array of one-byte structures, without copying:
-// the bytes must outlive every use of the value, which GDBus serialises
-// before the sending call returns.
-GVariant* NewBufferValue(const unsigned char* bytes, unsigned int size) {
-    return g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), bytes, size, TRUE, nullptr, nullptr);
-}
-
-// The five-field reply; a message without bytes gets the single zero byte.
+// The five-field reply. Without bytes, an "a(y)" reply gets the single zero
+// byte and an "ay" one stays empty; both mean "no buffer". The bytes are not
+// copied: they must outlive the reply's serialisation.
 GVariant* NewReplyValue(const char* from, unsigned int code, const char* type, const char* message,
-                        const unsigned char* buffer, unsigned int size) {
-    if (buffer == nullptr || size == 0) {
+                        const unsigned char* buffer, unsigned int size,
+                        detail::BufferFormat format = detail::BufferFormat::kStructures) {
+    if ((buffer == nullptr || size == 0) && format == detail::BufferFormat::kStructures) {
         buffer = kNoBuffer;
         size = sizeof(kNoBuffer);
     }
-    return g_variant_new("(suss@a*)", from, code, type, message, NewBufferValue(buffer, size));
+    return g_variant_new("(suss@a*)", from, code, type, message,
+                         detail::NewBufferValue(format, buffer, size));
+}
+
+// The request's payload for |route|: "(suss)" without buffer, else the
+// buffer in the route's format. A negotiated request without buffer carries
+// an empty "ay", so that its reply may come as "ay" too.
+GVariant* NewRequestValue(const char* from, unsigned int code, const char* type, const char* text,
+                          const unsigned char* buffer, unsigned int size,
+                          const detail::Route& route) {
+    if ((buffer == nullptr || size == 0) && !route.Negotiated())
+        return g_variant_new("(suss)", from, code, type, text);
+    return g_variant_new("(suss@a*)", from, code, type, text,
+                         detail::NewBufferValue(route.format, buffer, size));
 }
 
 const char* OrNull(const char* text) {
@@ -247,45 +257,65 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
     const std::string text = copy.GetMessage();
     unsigned char* buffer = nullptr;
     const unsigned int size = copy.GetBuffer(buffer);
+    const bool withBuffer = buffer != nullptr && size != 0;
+
+    // "ay" to an endpoint that announced it, at its unique name; "a(y)" to
+    // the bus name otherwise (BufferFormat.h).
+    detail::Route route = detail::ChooseRoute(m_connection, busName, objectPath, withBuffer);
 
     // Sent, a message above the bus's limit would make the daemon drop this
     // process's connection, for every endpoint of the process.
-    const bool withBuffer = buffer != nullptr && size != 0;
-    const size_t wireSize = detail::MessageWireSize(
-        {busName, objectPath, interfaceName, withBuffer ? "SendMessageWithBuffer" : "SendMessage"},
-        m_name, copy.m_type, text, withBuffer, size);
+    auto methodFor = [withBuffer](const detail::Route& chosen) {
+        return withBuffer || chosen.Negotiated() ? "SendMessageWithBuffer" : "SendMessage";
+    };
+    const size_t wireSize =
+        detail::MessageWireSize({busName, objectPath, interfaceName, methodFor(route)}, m_name,
+                                copy.m_type, text, withBuffer, size, route.Negotiated());
     if (!detail::FitsOnBus(wireSize, "message")) {
         QLOGD("send %s!", "fail");
         return false;
     }
 
     QLOGI("prepare GVariant");
-    GVariant* payload = nullptr;
-    const char* method = nullptr;
-    if (buffer != nullptr && size != 0) {
-        payload = g_variant_new("(suss@a*)", m_name.c_str(), copy.m_code, copy.m_type.c_str(),
-                                text.c_str(), NewBufferValue(buffer, size));
-        method = "SendMessageWithBuffer";
-    } else {
-        payload =
-            g_variant_new("(suss)", m_name.c_str(), copy.m_code, copy.m_type.c_str(), text.c_str());
-        method = "SendMessage";
-    }
-    QLOGI("from[%s] to [%s] [%s]", m_name.c_str(), busName.c_str(), text.c_str());
     // Our own reference: GDBus takes its own when it accepts the payload,
     // and a call it refuses (a name it finds invalid) must not leak it.
-    g_variant_ref_sink(payload);
+    auto newPayload = [&](const detail::Route& chosen) {
+        return g_variant_ref_sink(NewRequestValue(m_name.c_str(), copy.m_code, copy.m_type.c_str(),
+                                                  text.c_str(), buffer, size, chosen));
+    };
+    GVariant* payload = newPayload(route);
+    const char* method = methodFor(route);
+    QLOGI("from[%s] to [%s] [%s]", m_name.c_str(), busName.c_str(), text.c_str());
 
     bool result = false;
     if (sync) {
         GError* error = nullptr;
         GVariant* answer = g_dbus_connection_call_sync(
-            m_connection, busName.c_str(), objectPath.c_str(), interfaceName.c_str(), method,
-            payload, nullptr, G_DBUS_CALL_FLAGS_NONE, timeout, nullptr, &error);
+            m_connection, route.destination.c_str(), objectPath.c_str(), interfaceName.c_str(),
+            method, payload, nullptr, G_DBUS_CALL_FLAGS_NONE, timeout, nullptr, &error);
+        if (answer == nullptr && route.Negotiated() && detail::EndpointMovedAway(error)) {
+            // The connection we learned about gave the endpoint up between
+            // our look-up and the call: the request goes again, the way
+            // every peer reads, to whoever serves the bus name now.
+            QLOGW("%s left %s: sending again to the bus name", busName.c_str(),
+                  route.destination.c_str());
+            g_clear_error(&error);
+            detail::ForgetRoute(route, busName);
+            route = detail::Route{busName, detail::BufferFormat::kStructures};
+            g_variant_unref(payload);
+            payload = newPayload(route);
+            answer = g_dbus_connection_call_sync(m_connection, busName.c_str(), objectPath.c_str(),
+                                                 interfaceName.c_str(), methodFor(route), payload,
+                                                 nullptr, G_DBUS_CALL_FLAGS_NONE, timeout, nullptr,
+                                                 &error);
+        }
         if (answer != nullptr) {
+            // Only a buffer unpacked from "a(y)" leaves much freed heap.
+            const bool structures = !detail::HasByteArrayBuffer(answer);
             detail::UnpackIntoMessage(answer, nullptr, reply);
             g_variant_unref(answer);
-            detail::ReleaseHeapAfter(reply->m_size);
+            if (structures)
+                detail::ReleaseHeapAfter(reply->m_size);
             result = true;
             // The remote handler's failure shows only in the reply body.
             if (reply->Parse() && ReportsFailure(reply)) {
@@ -302,12 +332,12 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
         if (reply != nullptr) {
             // The call holds a token, not this server: a reply after our
             // close finds the token detached and is dropped.
-            g_dbus_connection_call(m_connection, busName.c_str(), objectPath.c_str(),
+            g_dbus_connection_call(m_connection, route.destination.c_str(), objectPath.c_str(),
                                    interfaceName.c_str(), method, payload, nullptr,
                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, OnPendingReply,
                                    new PendingReply{detail::TokenOf(this), m_PendingCallNotify});
         } else {
-            g_dbus_connection_call(m_connection, busName.c_str(), objectPath.c_str(),
+            g_dbus_connection_call(m_connection, route.destination.c_str(), objectPath.c_str(),
                                    interfaceName.c_str(), method, payload, nullptr,
                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
         }
@@ -471,10 +501,17 @@ void TCServer::m_HandleMsg(const char* from, const TCMessage* message,
     const std::string text = reply.GetMessage();
     unsigned char* buffer = nullptr;
     const unsigned int size = reply.GetBuffer(buffer);
+    // "ay" only for a sender that negotiated it (BufferFormat.h).
+    const detail::BufferFormat format = detail::ReplyFormatFor(invocation);
+    const bool byteArray = format == detail::BufferFormat::kByteArray;
+    const bool requestAsStructures =
+        invocation != nullptr &&
+        !detail::HasByteArrayBuffer(g_dbus_method_invocation_get_parameters(invocation));
     // A reply above the bus's limit would cost this process its
     // connection: the caller gets the error reply instead.
-    const size_t wireSize = detail::MessageWireSize({"", "", "", ""}, name, reply.m_type, text,
-                                                    true, std::max(size, 1u));
+    const size_t wireSize =
+        detail::MessageWireSize({"", "", "", ""}, name, reply.m_type, text, true,
+                                byteArray ? size : std::max(size, 1u), byteArray);
     if (!detail::FitsOnBus(wireSize, "reply")) {
         detail::ReturnErrorReply(invocation);
     } else {
@@ -482,9 +519,11 @@ void TCServer::m_HandleMsg(const char* from, const TCMessage* message,
         // happens inside this call.
         g_dbus_method_invocation_return_value(
             invocation, NewReplyValue(name.c_str(), reply.m_code, reply.m_type.c_str(),
-                                      text.c_str(), buffer, size));
+                                      text.c_str(), buffer, size, format));
     }
-    detail::ReleaseHeapAfter(std::max<size_t>(receivedBytes, size));
+    // Only buffers that went as "a(y)" leave much freed heap behind.
+    detail::ReleaseHeapAfter(
+        std::max<size_t>(requestAsStructures ? receivedBytes : 0, byteArray ? 0 : size));
 }
 
 void TCServer::m_PendingCallNotify(GObject* source, GAsyncResult* result, gpointer userData) {

@@ -34,6 +34,11 @@
 //   asend DEST TYPE CODE TEXT  asynchronous send with reply object; the reply
 //                              arrives as "REPLIED <from> <type> <code> <text>"
 //   emit SIGNAL TEXT           "EMITTED <0|1>"
+//   bsend DEST TYPE CODE SIZE TEXT
+//                              synchronous send with a buffer of SIZE bytes
+//                              (byte i is (7 i + 1) mod 256; 0: no buffer):
+//                              "SENT <0|1> <type> <code> <size> <sum> <text>"
+//                              with the reply's buffer size and byte sum
 //   flood DEST TYPE N          N asynchronous sends without reply object
 //                              (no reply expected), then "FLOODED N"
 //   quit                       ends the loop
@@ -210,6 +215,30 @@ void RunCommand(const std::string& line) {
             g_server->SendMessage(dest.c_str(), &message, false, nullptr, -1);
         }
         Say("FLOODED " + std::to_string(count));
+        return;
+    }
+    if (verb == "bsend") {
+        std::string dest, type;
+        unsigned int code = 0, size = 0;
+        in >> dest >> type >> code >> size;
+        std::string text;
+        std::getline(in >> std::ws, text);
+        TCMessage message;
+        message.SetMessage(text);
+        message.m_type = type;
+        message.m_code = code;
+        if (size != 0) {
+            std::string bytes(size, '\0');
+            for (unsigned int i = 0; i < size; ++i)
+                bytes[i] = static_cast<char>((7u * i + 1u) % 256u);
+            message.SetBuffer(reinterpret_cast<const unsigned char*>(bytes.data()), size);
+        }
+        TCMessage reply;
+        const bool sent = g_server->SendMessage(dest.c_str(), &message, true, &reply, -1);
+        std::ostringstream out;
+        out << "SENT " << (sent ? 1 : 0) << " " << reply.m_type << " " << reply.m_code << " "
+            << reply.m_size << " " << Sum(reply.m_buffer, reply.m_size) << " " << reply.GetString();
+        Say(out.str());
         return;
     }
     if (verb == "send" || verb == "asend") {
