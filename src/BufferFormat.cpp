@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The format a byte buffer travels in. See BufferFormat.h.
 
 #include "BufferFormat.h"

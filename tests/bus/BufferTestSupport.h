@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The old-format peer and the wire tap of the buffer format tests.
 //
 // RawPeer is a peer written against GDBus alone that knows only "a(y)"

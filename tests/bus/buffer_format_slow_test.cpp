@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What an old-format sender's "a(y)" buffers leave in a receiver of this
 // library, with and without GLib's slice allocator: the figures behind the
 // G_SLICE advice in docs/robustness.md.
