@@ -19,6 +19,7 @@
 
 #include "EndpointGuard.h"
 #include "EventPayloads.h"
+#include "ThreadAnnotations.h"
 #include "bus/BusTestSupport.h"
 
 namespace lifetime_test {
@@ -114,9 +115,11 @@ public:
         thread_ = std::thread([this, running = std::move(running)]() mutable {
             g_main_context_push_thread_default(context_);
             GSource* ready = g_idle_source_new();
+            Quelt::detail::HandOver(&running);
             g_source_set_callback(
                 ready,
                 [](gpointer data) -> gboolean {
+                    Quelt::detail::TakeOver(data);
                     static_cast<std::promise<void>*>(data)->set_value();
                     return G_SOURCE_REMOVE;
                 },
@@ -140,9 +143,13 @@ public:
             std::promise<void> done;
         } call{std::move(work), {}};
         auto done = call.done.get_future();
+        // GLib hands the call to the loop's thread under locks the race
+        // detector does not see.
+        Quelt::detail::HandOver(&call);
         g_main_context_invoke(
             context_,
             [](gpointer data) -> gboolean {
+                Quelt::detail::TakeOver(data);
                 Call* call = static_cast<Call*>(data);
                 call->work();
                 call->done.set_value();
@@ -245,9 +252,11 @@ inline void RunAfterPendingCallbacks(GMainContext* context) {
     auto done = ran.get_future();
     GSource* idle = g_idle_source_new();
     g_source_set_priority(idle, G_PRIORITY_LOW);
+    Quelt::detail::HandOver(&ran);
     g_source_set_callback(
         idle,
         [](gpointer data) -> gboolean {
+            Quelt::detail::TakeOver(data);
             static_cast<std::promise<void>*>(data)->set_value();
             return G_SOURCE_REMOVE;
         },
