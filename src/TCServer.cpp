@@ -250,10 +250,9 @@ bool TCServer::m_OwnName() {
     // queued before the close finds the endpoint gone (m_OnNameAcquired and
     // m_OnNameLost are reached through ServerCallbacks).
     gpointer ownerRef = detail::NewCallbackRef(detail::TokenOf(this));
-    m_ownerId = g_bus_own_name_on_connection(m_connection, m_busName.c_str(), kOwnFlags,
-                                             detail::ServerCallbacks::NameAcquired,
-                                             detail::ServerCallbacks::NameLost, ownerRef,
-                                             detail::FreeCallbackRef);
+    m_ownerId = g_bus_own_name_on_connection(
+        m_connection, m_busName.c_str(), kOwnFlags, detail::ServerCallbacks::NameAcquired,
+        detail::ServerCallbacks::NameLost, ownerRef, detail::FreeCallbackRef);
     if (m_ownerId == 0) {
         detail::FreeCallbackRef(ownerRef);
         QLOGE("Request bus name fail!");

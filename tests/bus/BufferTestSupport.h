@@ -25,7 +25,9 @@
 
 namespace harvo_bus_test {
 
-// The interface as an endpoint without the announcement exports it.
+// The interface as an endpoint without the announcement exports it. A copy
+// on purpose: it stands for what an older build exports, and must not
+// follow later changes of the library's own description.
 inline constexpr char kOldInterfaceXml[] =
     "<node>"
     "<interface name='%s'>"

@@ -12,6 +12,7 @@
 
 #include "BufferTestSupport.h"
 #include "BusTestSupport.h"
+#include "Gate.h"
 #include "EventPayloads.h"
 #include "TCTask.h"
 
@@ -33,30 +34,7 @@ using Quelt::SERVER_TYPE_GADGET;
 const char kErrorBody[] = "{\"dbus_result\":\"fail\",\"errmsg\":\"error handling\"}";
 
 // A gate a handler waits at until the test opens it.
-class Gate {
-public:
-    void Wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        waiting_ = true;
-        changed_.notify_all();
-        changed_.wait(lock, [this] { return open_; });
-    }
-    void Open() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        open_ = true;
-        changed_.notify_all();
-    }
-    bool Waiting() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return waiting_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool waiting_ = false;
-    bool open_ = false;
-};
+using harvo_test::Gate;
 
 // A service that handles every bus message on its worker task; "block"
 // waits at the gate, everything else is echoed.

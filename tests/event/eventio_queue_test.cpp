@@ -160,8 +160,9 @@ TEST(EventIOInit, FailingTInitLeavesTheIoUncreatedWithPipeAndWatch) {
     }
     // Final does not detach such an IO; its destructor removes the watch it
     // left on the loop, so that no wake-up reaches a queue that is gone.
-    EXPECT_EQ(1u, capture.CountFramework(
-                      DLOG_WARN, "event io refusing destroyed without Final: its watch is removed"));
+    EXPECT_EQ(1u,
+              capture.CountFramework(
+                  DLOG_WARN, "event io refusing destroyed without Final: its watch is removed"));
     EXPECT_FALSE(DispatchOne(local.context));
     // The pipe stays open on this path; the test closes it.
     close(pipeEnds[0]);

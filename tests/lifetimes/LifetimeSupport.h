@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "EndpointGuard.h"
+#include "Gate.h"
 #include "EventPayloads.h"
 #include "ThreadAnnotations.h"
 #include "bus/BusTestSupport.h"
@@ -27,40 +28,15 @@ namespace lifetime_test {
 using harvo_bus_test::kLimit;
 using std::chrono::milliseconds;
 
-// A door that threads wait at until the test opens it.
-class Gate {
+// Waits take the test's generous limit unless told otherwise.
+class Gate : public harvo_test::Gate {
 public:
-    void Wait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ++waiting_;
-        changed_.notify_all();
-        changed_.wait(lock, [this] { return open_; });
-    }
-    void Open() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        open_ = true;
-        changed_.notify_all();
-    }
-    // Waits until |count| threads wait at the gate (or have passed it).
     bool WaitForWaiters(int count, milliseconds limit = kLimit) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, limit, [&] { return waiting_ >= count; });
+        return harvo_test::Gate::WaitForWaiters(count, limit);
     }
-    bool IsOpen() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return open_;
-    }
-    // Waits until the gate is opened.
     bool WaitUntilOpen(milliseconds limit = kLimit) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, limit, [this] { return open_; });
+        return harvo_test::Gate::WaitUntilOpen(limit);
     }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    int waiting_ = 0;
-    bool open_ = false;
 };
 
 // Threads that a deadlock would keep forever cannot be joined: when |thread|
