@@ -1,6 +1,7 @@
 // TCServer: signals. A server emits named signals on its own object and
-// interface; subscribers match on the sender's interface name and the
-// member only, so a named sender is found in whatever process it lives.
+// interface; a subscriber of a named sender matches on the sender's bus
+// name (as sender and as interface) and the member, so it hears whichever
+// connection owns that name, in whatever process it lives, and no other.
 // Received signals are decoded and handed to the subscription's callback,
 // native (TCMessage) or managed (the C record), or to IfMessageReceived.
 
@@ -13,7 +14,9 @@
 #include "EndpointGuard.h"
 #include "Guarded.h"
 #include "MessageText.h"
+#include "NameOwners.h"
 #include "QueltLog.h"
+#include "SenderIdentity.h"
 #include "TCServer.h"
 #include "TCServerHelper.h"
 #include "TCWrapperMessageOpr.h"
@@ -296,9 +299,18 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signalName, TCSign
         key = signalName;
     }
     QLOGI("Begin subscribe signal");
-    id = g_dbus_connection_signal_subscribe(
-        m_connection, nullptr, from != nullptr ? interfaceName.c_str() : nullptr, signalName,
-        nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, m_DSignalHandler, this, nullptr);
+    // A named sender is also the sender of the match: the bus then routes
+    // only the signals of the connection that owns that name, whichever it
+    // is at the time. Its owner is followed first, so that it is known
+    // before the first signal the match lets through (see m_DSignalHandler).
+    const char* sender = nullptr;
+    if (from != nullptr) {
+        sender = interfaceName.c_str();
+        detail::FollowNameOwner(m_connection, interfaceName);
+    }
+    id = g_dbus_connection_signal_subscribe(m_connection, sender, sender, signalName, nullptr,
+                                            nullptr, G_DBUS_SIGNAL_FLAGS_NONE, m_DSignalHandler,
+                                            this, nullptr);
     if (id == 0) {
         QLOGE("fail to subscribe signal");
         return -1;
@@ -330,7 +342,7 @@ bool TCServer::m_UnSubscribeSignal(const char* from, const char* signalName, TCS
 // subscribing thread. The registry is read without the server's lock: it is
 // filled before the signals it waits for arrive.
 
-void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* senderName,
+void TCServer::m_DSignalHandler(GDBusConnection* connection, const char* senderName,
                                 const char* objectPath, const char* interfaceName,
                                 const char* signalName, GVariant* parameters, void* userData) {
     if (interfaceName == nullptr) {
@@ -355,15 +367,28 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
     key.reserve(interfaceLength + 1 + signalLength);
     key.append(interfaceName, interfaceLength).append(1, '.').append(signalName, signalLength);
 
+    // A subscription to an endpoint's signals hears only the connection
+    // that owns the endpoint's bus name. The bus routes nothing else to it,
+    // but a subscription to any sender (of this server, or of another
+    // endpoint on this connection) brings everyone's signals of that name,
+    // and the lookup below would hand them to the named subscription.
+    std::string lookupKey = key;
+    if ((server->m_signalManager.IfSignalSubscribed(NATIVE_SIGNAL, key) ||
+         server->m_signalManager.IfSignalSubscribed(MANAGED_SIGNAL, key)) &&
+        !detail::SignalIsFromNameOwner(connection, senderName, interfaceName, signalName,
+                                       parameters)) {
+        lookupKey = signalName;  // only subscriptions to any sender hear it
+    }
+
     // Native wins over managed; within a kind the qualified key wins over
     // the plain signal name.
     TCNativeSignalHandler nativeHandler = nullptr;
     void* nativeData = nullptr;
     TCManagedSignalHandler managedHandler = nullptr;
     void* managedData = nullptr;
-    if (!server->m_signalManager.GetHandlerForNativeSignal(signalName, key, nativeHandler,
+    if (!server->m_signalManager.GetHandlerForNativeSignal(signalName, lookupKey, nativeHandler,
                                                            nativeData) &&
-        !server->m_signalManager.GetHandlerForManagedSignal(signalName, key, managedHandler,
+        !server->m_signalManager.GetHandlerForManagedSignal(signalName, lookupKey, managedHandler,
                                                             managedData)) {
         QLOGI("no register info of %s", key.c_str());
         return;
