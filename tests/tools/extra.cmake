@@ -19,3 +19,11 @@ add_test(NAME tools_stock_policy
     COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/stock_policy_test.sh
         $<TARGET_FILE:harvo-bus> $<TARGET_FILE:bus_peer>)
 set_tests_properties(tools_stock_policy PROPERTIES LABELS unit TIMEOUT 120 SKIP_RETURN_CODE 77)
+
+# Impersonation on the stock policy: an unprivileged user emitting a signal
+# as a live endpoint and calling with another live endpoint's name (needs
+# root: skipped otherwise).
+add_test(NAME tools_stock_identity
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/stock_identity_test.sh
+        $<TARGET_FILE:harvo-bus> $<TARGET_FILE:bus_peer>)
+set_tests_properties(tools_stock_identity PROPERTIES LABELS unit TIMEOUT 120 SKIP_RETURN_CODE 77)
