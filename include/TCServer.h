@@ -16,12 +16,16 @@
  * bus policy or taken by another owner (names are owned with replacement
  * allowed), or whose bus connection closes (the daemon stopped or
  * restarted), logs one error line "<endpoint> lost the bus name <name>:
- * ..." and is deaf from then on: nothing retries. Calls on a closed
- * connection fail with false and "dbus connection is not open"; the process
- * keeps running. The application can close the endpoint (CloseDBusServer)
- * and create it again once the bus is back or the name is free, or end and
- * let its service manager start it again. A proxy owns no name: it learns
- * of a closed connection at its next call.
+ * ...". Refused by the policy or cut off from the bus, it is deaf from then
+ * on: nothing retries, and calls on a closed connection fail with false and
+ * "dbus connection is not open"; the process keeps running. The
+ * application can close the endpoint (CloseDBusServer) and create it again
+ * once the bus is back or the name is free, or end and let its service
+ * manager start it again. Taken by another owner, it waits in the bus's
+ * queue for the name: requests go to the other owner meanwhile, and when
+ * that owner gives the name up (or ends) the bus hands it back and the
+ * endpoint announces itself again ("service_start_default"). A proxy owns
+ * no name: it learns of a closed connection at its next call.
  *
  * Threads: sends and emissions from any thread; bus method calls and
  * signals arrive in the main context that was the thread-default when the
