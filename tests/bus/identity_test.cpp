@@ -5,7 +5,6 @@
 // GDBus clients (connections that own no endpoint) and stock tools as the
 // impostors.
 
-#include <regex>
 
 #include "BusTestSupport.h"
 
@@ -167,19 +166,35 @@ bool WaitForOwner(RawClient& client, const std::string& name, const std::string&
     return PumpUntil([&] { return client.Owner(name) == owner; });
 }
 
-// The coalesced refusal lines of |sender|: each says how many of its
-// refusals it stands for; their sum.
+// How many refusals of |sender| a coalesced warning stands for (its text
+// ends "(N refused from SENDER since its last line)"), or 0.
+size_t RefusalsIn(const std::string& text, const std::string& sender) {
+    const std::string tail = " refused from " + sender + " since its last line)";
+    if (text.size() < tail.size() ||
+        text.compare(text.size() - tail.size(), tail.size(), tail) != 0) {
+        return 0;
+    }
+    const size_t open = text.rfind('(', text.size() - tail.size());
+    if (open == std::string::npos)
+        return 0;
+    const std::string number = text.substr(open + 1, text.size() - tail.size() - open - 1);
+    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos)
+        return 0;
+    return std::stoul(number);
+}
+
+// The coalesced refusal lines of |sender|: their number, and the sum of
+// the refusals they stand for.
 size_t RefusalsReported(const LogCapture& capture, const std::string& sender, size_t* lines) {
-    const std::regex count(" \\(([0-9]+) refused from " + sender + " since its last line\\)$");
     size_t total = 0;
     *lines = 0;
     for (const auto& line : capture.Lines()) {
         harvo_test::FrameworkLine parsed;
         if (line.prio != DLOG_WARN || !harvo_test::ParseFrameworkText(line.text, &parsed))
             continue;
-        std::smatch found;
-        if (std::regex_search(parsed.text, found, count)) {
-            total += std::stoul(found[1]);
+        const size_t count = RefusalsIn(parsed.text, sender);
+        if (count > 0) {
+            total += count;
             ++*lines;
         }
     }
