@@ -13,8 +13,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -61,7 +63,9 @@ struct ConnectionOwners {
     std::atomic<GDBusConnection*> connection{nullptr};
     std::atomic<size_t> followedCount{0};  // names.size(), for the filter's fast path
     std::atomic<size_t> awaitedCount{0};   // awaited.size(), likewise
-    std::unordered_map<std::string, Followed> names;
+    // Ordered, with transparent look-ups: the filter finds a name by the
+    // message's own text, without making a string of it.
+    std::map<std::string, Followed, std::less<>> names;
     std::unordered_map<guint32, AwaitedReply> awaited;
     std::vector<std::string> matchesToRemove;  // let go of by the filter
     uint64_t clock = 0;
@@ -123,7 +127,7 @@ void RemoveMatch(GDBusConnection* connection, const std::string& name) {
 
 // Lets go of |found|; the caller holds Mutex() and is not the filter.
 void Forget(GDBusConnection* connection, ConnectionOwners& owners,
-            std::unordered_map<std::string, Followed>::iterator found) {
+            std::map<std::string, Followed, std::less<>>::iterator found) {
     if (!found->second.matchRefused)
         RemoveMatch(connection, found->first);
     owners.names.erase(found);
@@ -213,7 +217,7 @@ void ApplyOwnerChange(GDBusConnection* connection, ConnectionOwners& owners,
     std::lock_guard<std::mutex> guard(Mutex());
     if (owners.connection.load() != connection)
         return;
-    auto found = owners.names.find(name);
+    auto found = owners.names.find(std::string_view(name));
     // Changes before the first answer are older than that answer.
     if (found != owners.names.end() && !found->second.asking)
         found->second.owner = newOwner;
@@ -230,7 +234,7 @@ void JudgeSignal(GDBusConnection* connection, ConnectionOwners& owners, GDBusMes
         std::lock_guard<std::mutex> guard(Mutex());
         if (owners.connection.load() != connection)
             return;
-        auto found = owners.names.find(interfaceName);
+        auto found = owners.names.find(std::string_view(interfaceName));
         if (found == owners.names.end() || found->second.asking)
             return;
         found->second.lastUse = ++owners.clock;
