@@ -5,7 +5,6 @@
 // GDBus clients (connections that own no endpoint) and stock tools as the
 // impostors.
 
-
 #include "BusTestSupport.h"
 
 namespace {

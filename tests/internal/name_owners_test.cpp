@@ -167,6 +167,8 @@ TEST_F(NameOwners, AFinalisedConnectionLeavesNothingBehind) {
         EXPECT_EQ(NameOwnerCountsFor(other).followedNames, 1u);
         EXPECT_EQ(NameOwnerCountsFor(connection_).connections, connections + 1);
         g_dbus_connection_close_sync(other, nullptr, nullptr);
+        // GDBus marks it closed from its worker thread.
+        ASSERT_TRUE(PumpUntil([&] { return g_dbus_connection_is_closed(other) != FALSE; }));
         // A closed connection is not asked.
         const size_t questions = Questions();
         EXPECT_EQ(NameOwner(other, "gone2.message"), "");
