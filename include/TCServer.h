@@ -76,7 +76,11 @@ public:
      * handling, and the reply, to that event IO's thread. */
     virtual bool IfHandleInEventIO(const char* from, const TCMessage* message, TCEventIO** eventIO);
     /** A message arrived (by bus or in process); fill |reply|. For a
-     * signal subscribed without callback, |signalName| is its name. */
+     * signal subscribed without callback, |signalName| is its name. Over
+     * the bus, |from| names either an endpoint whose bus name the caller's
+     * connection owns or no live endpoint at all (then it is any text the
+     * caller chose): a request that claims another connection's endpoint
+     * is answered with the error reply before any hook runs. */
     virtual bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
                                    const char* signalName);
     /** The reply of an asynchronous bus send arrived. */
@@ -125,7 +129,11 @@ public:
     bool SendSignal(const char* signalName, const TCMessage* message);
     ///@{
     /** Subscribes to \p signalName from the endpoint \p from (null: from
-     *  any sender). \p handler (null: IfMessageReceived with the signal's
+     *  any sender). Only the connection that owns \p from's bus name at
+     *  the time is heard, in whatever process it runs (a restarted
+     *  endpoint is heard again); a subscription to any sender hears
+     *  everyone, and the \p from its callback gets is what the emitter
+     *  wrote. \p handler (null: IfMessageReceived with the signal's
      *  name) runs with \p userData (not owned) in the main context that is
      *  the thread-default of the calling thread. \return false, with a log
      *  line, on failure; subscribing again replaces the callback. */
