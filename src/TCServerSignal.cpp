@@ -372,12 +372,14 @@ void TCServer::m_DSignalHandler(GDBusConnection* connection, const char* senderN
     // but a subscription to any sender (of this server, or of another
     // endpoint on this connection) brings everyone's signals of that name,
     // and the lookup below would hand them to the named subscription.
-    std::string lookupKey = key;
+    const std::string* lookupKey = &key;
+    std::string anySender;
     if ((server->m_signalManager.IfSignalSubscribed(NATIVE_SIGNAL, key) ||
          server->m_signalManager.IfSignalSubscribed(MANAGED_SIGNAL, key)) &&
         !detail::SignalIsFromNameOwner(connection, senderName, interfaceName, signalName,
                                        parameters)) {
-        lookupKey = signalName;  // only subscriptions to any sender hear it
+        anySender = signalName;  // only subscriptions to any sender hear it
+        lookupKey = &anySender;
     }
 
     // Native wins over managed; within a kind the qualified key wins over
@@ -386,9 +388,9 @@ void TCServer::m_DSignalHandler(GDBusConnection* connection, const char* senderN
     void* nativeData = nullptr;
     TCManagedSignalHandler managedHandler = nullptr;
     void* managedData = nullptr;
-    if (!server->m_signalManager.GetHandlerForNativeSignal(signalName, lookupKey, nativeHandler,
+    if (!server->m_signalManager.GetHandlerForNativeSignal(signalName, *lookupKey, nativeHandler,
                                                            nativeData) &&
-        !server->m_signalManager.GetHandlerForManagedSignal(signalName, lookupKey, managedHandler,
+        !server->m_signalManager.GetHandlerForManagedSignal(signalName, *lookupKey, managedHandler,
                                                             managedData)) {
         QLOGI("no register info of %s", key.c_str());
         return;
