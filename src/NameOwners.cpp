@@ -433,11 +433,20 @@ std::string NameOwner(GDBusConnection* connection, const std::string& busName) {
     }
     if (answer->done)
         return answer->owner;
-    // No answer: forget the name, so that the next question asks again.
+    // No answer: forget the name, so that the next question asks again,
+    // and the replies that may never come.
     if (owners.connection.load() == connection) {
         found = owners.names.find(busName);
-        if (found != owners.names.end() && found->second.asking == answer)
+        if (found != owners.names.end() && found->second.asking == answer) {
             Forget(connection, owners, found);
+            for (auto it = owners.awaited.begin(); it != owners.awaited.end();) {
+                if (it->second.name == busName)
+                    it = owners.awaited.erase(it);
+                else
+                    ++it;
+            }
+            owners.awaitedCount.store(owners.awaited.size());
+        }
     }
     return std::string();
 }

@@ -318,6 +318,31 @@ TEST_F(NamedSignals, ANamedAndAnAnySenderSubscriptionOnOneEndpoint) {
         << capture.Dump();
 }
 
+// The owner is judged as the signal arrives, not when it is delivered: an
+// endpoint that emits and leaves at once is still heard as itself by a
+// subscription that the signal reaches through a subscription to any
+// sender (by delivery time nobody owns the name any more).
+TEST(JudgedOnArrival, AnOwnerThatLeavesRightAfterEmittingIsStillHeard) {
+    RecordingServer app("late", SERVER_TYPE_APP);
+    ASSERT_TRUE(app.CreateDBusServer());
+    CloseAtExit closer(app);
+    Inbox named, plain;
+    ASSERT_TRUE(app.SubscribeSignal("shout", "bye", Collect, &named));
+    ASSERT_TRUE(app.SubscribeSignal(nullptr, "bye", Collect, &plain));
+    SettleSubscriptions(app);
+    RawClient raw;
+    ASSERT_TRUE(raw.Ok());
+    PeerProcess emitter({"emit", "shout", "bye", "{\"last\":true}"});
+    EXPECT_EQ(emitter.WaitExit(), 0);
+    ASSERT_TRUE(WaitForOwner(raw, "shout.message", ""));
+    // Only now are the deliveries made.
+    ASSERT_TRUE(PumpUntil([&] { return named.Count() == 2; }));
+    DrainContext();
+    EXPECT_EQ(named.Count(), 2u);  // through both bus subscriptions
+    EXPECT_EQ(plain.Count(), 0u);
+    EXPECT_EQ(named.At(0).second, "{\"last\":true}");
+}
+
 TEST_F(NamedSignals, NobodyOwnsTheName) {
     Inbox plain;
     ASSERT_TRUE(named_.SubscribeSignal(nullptr, "forecast", Collect, &plain));
