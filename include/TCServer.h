@@ -17,12 +17,16 @@
  * bus policy or taken by another owner (names are owned with replacement
  * allowed), or whose bus connection closes (the daemon stopped or
  * restarted), logs one error line "<endpoint> lost the bus name <name>:
- * ..." and is deaf from then on: nothing retries. Calls on a closed
- * connection fail with false and "dbus connection is not open"; the process
- * keeps running. The application can close the endpoint (CloseDBusServer)
- * and create it again once the bus is back or the name is free, or end and
- * let its service manager start it again. A proxy owns no name: it learns
- * of a closed connection at its next call.
+ * ...". Refused by the policy or cut off from the bus, it is deaf from then
+ * on: nothing retries, and calls on a closed connection fail with false and
+ * "dbus connection is not open"; the process keeps running. The
+ * application can close the endpoint (CloseDBusServer) and create it again
+ * once the bus is back or the name is free, or end and let its service
+ * manager start it again. Taken by another owner, it waits in the bus's
+ * queue for the name: requests go to the other owner meanwhile, and when
+ * that owner gives the name up (or ends) the bus hands it back and the
+ * endpoint announces itself again ("service_start_default"). A proxy owns
+ * no name: it learns of a closed connection at its next call.
  *
  * Threads: sends and emissions from any thread; bus method calls and
  * signals arrive in the main context that was the thread-default when the
@@ -76,7 +80,11 @@ public:
      * handling, and the reply, to that event IO's thread. */
     virtual bool IfHandleInEventIO(const char* from, const TCMessage* message, TCEventIO** eventIO);
     /** A message arrived (by bus or in process); fill |reply|. For a
-     * signal subscribed without callback, |signalName| is its name. */
+     * signal subscribed without callback, |signalName| is its name. Over
+     * the bus, |from| names either an endpoint whose bus name the caller's
+     * connection owns or no live endpoint at all (then it is any text the
+     * caller chose): a request that claims another connection's endpoint
+     * is answered with the error reply before any hook runs. */
     virtual bool IfMessageReceived(const char* from, const TCMessage* message, TCMessage* reply,
                                    const char* signalName);
     /** The reply of an asynchronous bus send arrived. */
@@ -133,7 +141,11 @@ public:
     bool SendSignal(const char* signalName, const TCMessage* message);
     ///@{
     /** Subscribes to \p signalName from the endpoint \p from (null: from
-     *  any sender). \p handler (null: IfMessageReceived with the signal's
+     *  any sender). Only the connection that owns \p from's bus name at
+     *  the time is heard, in whatever process it runs (a restarted
+     *  endpoint is heard again); a subscription to any sender hears
+     *  everyone, and the \p from its callback gets is what the emitter
+     *  wrote. \p handler (null: IfMessageReceived with the signal's
      *  name) runs with \p userData (not owned) in the main context that is
      *  the thread-default of the calling thread. \return false, with a log
      *  line, on failure.

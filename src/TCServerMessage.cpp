@@ -18,7 +18,10 @@
 #include "EndpointGuard.h"
 #include "EventPayloads.h"
 #include "Guarded.h"
+#include "HandOffBudget.h"
 #include "QueltLog.h"
+#include "RefusalLog.h"
+#include "SenderIdentity.h"
 #include "ServerCallbacks.h"
 #include "TCEventIO.h"
 #include "TCServer.h"
@@ -61,6 +64,20 @@ GVariant* NewRequestValue(const char* from, unsigned int code, const char* type,
         return g_variant_new("(suss)", from, code, type, text);
     return g_variant_new("(suss@a*)", from, code, type, text,
                          detail::NewBufferValue(route.format, buffer, size));
+}
+
+// The warnings of a request refused for a busy worker.
+std::string HighWaterRefusal(const std::string& endpoint, const std::string& queue, size_t depth) {
+    return "request for " + endpoint + " refused: the queue of " + queue + " holds " +
+           std::to_string(depth) + " events (high-water mark " +
+           std::to_string(kWorkerHandOffHighWater) + ")";
+}
+
+std::string SenderBoundRefusal(const std::string& endpoint, const std::string& queue,
+                               const std::string& caller, size_t waiting) {
+    return "request for " + endpoint + " refused: " + caller + " has " + std::to_string(waiting) +
+           " requests waiting in the queue of " + queue + " (per-sender bound " +
+           std::to_string(detail::kHandOffPerSender) + ")";
 }
 
 const char* OrNull(const char* text) {
@@ -348,7 +365,7 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
     return result;
 }
 
-void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*sender*/,
+void TCServer::m_DObjectHandler(GDBusConnection* connection, const gchar* sender,
                                 const gchar* /*objectPath*/, const gchar* /*interfaceName*/,
                                 const gchar* methodName, GVariant* parameters,
                                 GDBusMethodInvocation* invocation, gpointer userData) {
@@ -401,6 +418,17 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
     g_variant_unref(payload);
     QLOGI("from[%s] [%s]", OrNull(from), OrNull(text));
 
+    // Only the connection that owns an endpoint's bus name speaks for it.
+    if (from != nullptr && !detail::RequestSenderIsHonest(connection, sender, server->m_name, from,
+                                                          server->m_GetDBusName(from))) {
+        delete[] from;
+        delete[] type;
+        delete[] text;
+        delete[] buffer;
+        detail::ReturnErrorReply(invocation);
+        return;
+    }
+
     // Owned by m_HandleMsg from here on, like |from|.
     TCMessage* received = new TCMessage();
     TCServerHelper::SetTCMessage(received, text, code, type, buffer, size);
@@ -422,9 +450,12 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
     if (moved && eventIO != nullptr) {
         QLOGI("send internal event");
         // Posts without ever blocking this thread: the queue's lock is only
-        // held briefly by its loop, and above the high-water mark the
-        // request is refused rather than waiting for room in the wake pipe.
-        auto postBounded = [eventIO, server](TCEvent* post, bool& refused) {
+        // held briefly by its loop, and above the high-water mark, or above
+        // the caller's own share of the queue, the request is refused rather
+        // than waiting for room in the wake pipe.
+        const std::string caller = sender != nullptr ? sender : "";
+        auto slot = std::make_shared<detail::HandOffSlot>();
+        auto postBounded = [eventIO, server, &caller, &slot](TCEvent* post, bool& refused) {
             TCEventIO* serving = eventIO->GetEventIO();
             serving->m_Lock.Lock();
             size_t depth = serving->m_EventList.size();
@@ -435,14 +466,21 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
                     depth = std::max(depth, static_cast<size_t>(pending));
             }
             refused = depth >= kWorkerHandOffHighWater;
+            size_t waiting = 0;
+            if (!refused) {
+                *slot = detail::TakeHandOffSlot(serving, caller, &waiting);
+                refused = !*slot;
+            }
             const bool posted = !refused && TCEventIO::SendEvent(post);
+            if (!posted)
+                slot->Release();
             serving->m_Lock.Unlock();
             if (refused) {
-                QLOGW(
-                    "request for %s refused: the queue of %s holds %zu events (high-water mark "
-                    "%zu)",
-                    server->m_name.c_str(), serving->m_Name.c_str(), depth,
-                    kWorkerHandOffHighWater);
+                detail::WarnRefused(
+                    caller,
+                    depth >= kWorkerHandOffHighWater
+                        ? HighWaterRefusal(server->m_name, serving->m_Name, depth)
+                        : SenderBoundRefusal(server->m_name, serving->m_Name, caller, waiting));
             }
             return posted;
         };
@@ -450,7 +488,9 @@ void TCServer::m_DObjectHandler(GDBusConnection* /*connection*/, const gchar* /*
         TCEvent event;
         event.receiver = eventIO;
         event.type = EVENT_EXECUTE;
-        TCExecuteCallable* work = new TCExecuteCallable([request]() {
+        TCExecuteCallable* work = new TCExecuteCallable([request, slot]() {
+            // Taken by the worker: no longer waiting.
+            slot->Release();
             // The endpoint may have been closed while the request waited.
             detail::EndpointPin target = detail::Pin(request->token);
             if (!target) {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // TCServer: signals. A server emits named signals on its own object and
-// interface; subscribers match on the sender's interface name and the
-// member only, so a named sender is found in whatever process it lives.
+// interface; a subscriber of a named sender matches on the sender's bus
+// name (as sender and as interface) and the member, so it hears whichever
+// connection owns that name, in whatever process it lives, and no other.
 // Received signals are decoded and handed to the subscription's callback,
 // native (TCMessage) or managed (the C record), or to IfMessageReceived.
 
@@ -14,7 +15,9 @@
 #include "EndpointGuard.h"
 #include "Guarded.h"
 #include "MessageText.h"
+#include "NameOwners.h"
 #include "QueltLog.h"
+#include "SenderIdentity.h"
 #include "ServerCallbacks.h"
 #include "TCServer.h"
 #include "TCServerHelper.h"
@@ -293,14 +296,23 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signalName, TCSign
         key = signalName;
     }
     QLOGI("Begin subscribe signal");
+    // A named sender is also the sender of the match: the bus then routes
+    // only the signals of the connection that owns that name, whichever it
+    // is at the time. Its owner is followed first, so that it is known
+    // before the first signal the match lets through (see m_DSignalHandler).
+    const char* sender = nullptr;
+    if (from != nullptr) {
+        sender = interfaceName.c_str();
+        detail::FollowNameOwner(m_connection, interfaceName);
+    }
     // GDBus holds the endpoint's token, not the server: a signal it had
     // queued before the close finds the endpoint gone (m_DSignalHandler is
     // reached through ServerCallbacks).
     gpointer ref = detail::NewCallbackRef(detail::TokenOf(this));
-    id = g_dbus_connection_signal_subscribe(
-        m_connection, nullptr, from != nullptr ? interfaceName.c_str() : nullptr, signalName,
-        nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, detail::ServerCallbacks::Signal, ref,
-        detail::FreeCallbackRef);
+    id = g_dbus_connection_signal_subscribe(m_connection, sender, sender, signalName, nullptr,
+                                            nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+                                            detail::ServerCallbacks::Signal, ref,
+                                            detail::FreeCallbackRef);
     if (id == 0) {
         detail::FreeCallbackRef(ref);
         QLOGE("fail to subscribe signal");
@@ -338,7 +350,7 @@ bool TCServer::m_UnSubscribeSignal(const char* from, const char* signalName, TCS
 // the lock of the subscription tables only, which another thread's
 // subscribe or unsubscribe takes while it changes them.
 
-void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* senderName,
+void TCServer::m_DSignalHandler(GDBusConnection* connection, const char* senderName,
                                 const char* objectPath, const char* interfaceName,
                                 const char* signalName, GVariant* parameters, void* userData) {
     if (interfaceName == nullptr) {
@@ -363,6 +375,25 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
     key.reserve(interfaceLength + 1 + signalLength);
     key.append(interfaceName, interfaceLength).append(1, '.').append(signalName, signalLength);
 
+    // A subscription to an endpoint's signals hears only the connection
+    // that owns the endpoint's bus name. The bus routes nothing else to it,
+    // but a subscription to any sender (of this server, or of another
+    // endpoint on this connection) brings everyone's signals of that name,
+    // and the lookup below would hand them to the named subscription.
+    const std::string* lookupKey = &key;
+    std::string anySender;
+    bool named = false;
+    {
+        std::lock_guard<std::mutex> tables(detail::SignalTablesMutex());
+        named = server->m_signalManager.IfSignalSubscribed(NATIVE_SIGNAL, key) ||
+                server->m_signalManager.IfSignalSubscribed(MANAGED_SIGNAL, key);
+    }
+    if (named && !detail::SignalIsFromNameOwner(connection, senderName, interfaceName, signalName,
+                                                parameters)) {
+        anySender = signalName;  // only subscriptions to any sender hear it
+        lookupKey = &anySender;
+    }
+
     // Native wins over managed; within a kind the qualified key wins over
     // the plain signal name.
     TCNativeSignalHandler nativeHandler = nullptr;
@@ -372,10 +403,10 @@ void TCServer::m_DSignalHandler(GDBusConnection* /*connection*/, const char* sen
     bool found = false;
     {
         std::lock_guard<std::mutex> tables(detail::SignalTablesMutex());
-        found = server->m_signalManager.GetHandlerForNativeSignal(signalName, key, nativeHandler,
-                                                                  nativeData) ||
-                server->m_signalManager.GetHandlerForManagedSignal(signalName, key, managedHandler,
-                                                                   managedData);
+        found = server->m_signalManager.GetHandlerForNativeSignal(signalName, *lookupKey,
+                                                                  nativeHandler, nativeData) ||
+                server->m_signalManager.GetHandlerForManagedSignal(signalName, *lookupKey,
+                                                                   managedHandler, managedData);
     }
     if (!found) {
         QLOGI("no register info of %s", key.c_str());

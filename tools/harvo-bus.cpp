@@ -7,10 +7,13 @@
 //
 // "policy" needs no bus: it prints the system-bus policy an endpoint needs.
 //
-// Exit status: 0 success, 1 the operation failed, 2 bad usage or input.
+// Exit status: 0 success, 1 the operation failed, 2 bad usage or input (also
+// a name in use for emit, an unknown account for policy).
 
 #include <glib-unix.h>
 #include <glib.h>
+#include <grp.h>
+#include <pwd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -55,7 +58,9 @@ const char kUsage[] =
     "                            (exit 0) or \"no\" (exit 1).\n"
     "  send ENDPOINT             Sends a message and prints the reply. Synchronous\n"
     "                            unless --async or --no-wait is given.\n"
-    "  emit SIGNAL               Broadcasts SIGNAL from the endpoint --name.\n"
+    "  emit SIGNAL               Broadcasts SIGNAL from the endpoint --name, whose\n"
+    "                            bus name must be free: a running endpoint's name\n"
+    "                            is never taken (exit 2).\n"
     "  listen ENDPOINT SIGNAL    Prints every SIGNAL that ENDPOINT broadcasts, until\n"
     "                            --count signals arrived, --timeout passed, or\n"
     "                            Ctrl-C.\n"
@@ -95,7 +100,9 @@ const char kUsage[] =
     "  --version                 show the version of the tool and the framework\n"
     "\n"
     "Exit status: 0 success, 1 the operation failed (endpoint missing, send\n"
-    "failed, nothing arrived in time), 2 bad usage or unreadable input.\n";
+    "failed, nothing arrived in time), 2 bad usage, unreadable input, a --name\n"
+    "that a running endpoint owns (emit) or a user or group that does not exist\n"
+    "(policy).\n";
 
 struct Options {
     std::string command;
@@ -119,9 +126,12 @@ struct Options {
     bool version = false;
 };
 
-// A usage or input error: message for standard error, exit status 2.
+// A usage or input error: message for standard error, exit status 2. A
+// refusal that is not about how the tool was called (a name in use, an
+// account that does not exist) is one line, without the pointer to --help.
 struct UsageError {
     std::string message;
+    bool showHelp = true;
 };
 
 // ---------------------------------------------------------------------------
@@ -466,10 +476,97 @@ int Send(const Options& options) {
     return status;
 }
 
+// The bus name the tool's endpoint would own, held for the length of an
+// emission. Endpoints own their names with replacement allowed (a restarted
+// service takes its name back from a stale owner), so an endpoint created
+// under the name of a running one would take that name from it. The name
+// is therefore asked for first without replacing anybody and without
+// waiting in the bus's queue; the endpoint created afterwards finds it
+// already its own. Given back when the emission is over.
+class NameClaim {
+public:
+    ~NameClaim() {
+        if (connection_ == nullptr)
+            return;
+        if (held_) {
+            GVariant* released = g_dbus_connection_call_sync(
+                connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                "org.freedesktop.DBus", "ReleaseName", g_variant_new("(s)", busName_.c_str()),
+                nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+            if (released != nullptr)
+                g_variant_unref(released);
+        }
+        g_object_unref(connection_);
+    }
+
+    // Takes the bus name of the endpoint |name| if nobody owns it. Throws a
+    // UsageError when a running endpoint owns it; false (reported) when the
+    // bus cannot be reached or refuses the name.
+    bool Take(const std::string& name) {
+        busName_ = name + ".message";
+        Quelt::TCServerHelper::FormatDBusName(busName_);
+        if (!g_dbus_is_name(busName_.c_str()) || g_dbus_is_unique_name(busName_.c_str()))
+            return true;  // the endpoint refuses it, and says why
+        GError* error = nullptr;
+        connection_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+        if (connection_ == nullptr) {
+            g_clear_error(&error);
+            Fail("cannot connect to the system bus (is DBUS_SYSTEM_BUS_ADDRESS right?)");
+            return false;
+        }
+        // Allow replacement: a service starting meanwhile takes its name.
+        // Do not queue: a name owned by somebody else is refused at once.
+        const guint32 kAllowReplacementDoNotQueue = 0x1 | 0x4;
+        GVariant* answer = g_dbus_connection_call_sync(
+            connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "RequestName", g_variant_new("(su)", busName_.c_str(), kAllowReplacementDoNotQueue),
+            G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+        if (answer == nullptr) {
+            Fail("cannot own the bus name " + busName_ + ": " + error->message);
+            g_error_free(error);
+            return false;
+        }
+        guint32 result = 0;
+        g_variant_get(answer, "(u)", &result);
+        g_variant_unref(answer);
+        const guint32 kPrimaryOwner = 1, kAlreadyOwner = 4;
+        held_ = result == kPrimaryOwner || result == kAlreadyOwner;
+        if (!held_) {
+            throw UsageError{"the bus name " + busName_ + " is owned by " + Owner() +
+                                 ": emitting as " + name + " would take it; use another --name",
+                             false};
+        }
+        return true;
+    }
+
+private:
+    // Who owns the name, for the message.
+    std::string Owner() {
+        GVariant* answer = g_dbus_connection_call_sync(
+            connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "GetNameOwner", g_variant_new("(s)", busName_.c_str()), G_VARIANT_TYPE("(s)"),
+            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+        if (answer == nullptr)
+            return "a running endpoint";
+        const gchar* owner = nullptr;
+        g_variant_get(answer, "(&s)", &owner);
+        const std::string text = std::string("a running endpoint (connection ") + owner + ")";
+        g_variant_unref(answer);
+        return text;
+    }
+
+    GDBusConnection* connection_ = nullptr;
+    std::string busName_;
+    bool held_ = false;
+};
+
 int Emit(const Options& options) {
     ExpectArguments(options, 1, "emit SIGNAL [--json TEXT | --json-file FILE] ...");
     const std::string& signal = options.arguments[0];
     TCMessage message = BuildMessage(options);
+    NameClaim claim;
+    if (!claim.Take(options.name))
+        return kExitFailed;
     // Signals leave from an endpoint's own object: a proxy has none.
     ToolEndpoint endpoint(options.name, Quelt::SERVER_TYPE_APP);
     if (!endpoint.CreateDBusServer()) {
@@ -558,17 +655,35 @@ int Policy(const Options& options) {
     }
     const std::string user =
         options.policyUser.empty() && options.policyGroup.empty() ? "root" : options.policyUser;
+    const std::string& group = options.policyGroup;
+    // The daemon ignores a rule for an account it cannot find (the policy
+    // would then let nobody own the name): refuse it here, in one line.
+    if (!user.empty() && getpwnam(user.c_str()) == nullptr)
+        throw UsageError{"there is no user \"" + user + "\" on this system", false};
+    if (!group.empty() && getgrnam(group.c_str()) == nullptr)
+        throw UsageError{"there is no group \"" + group + "\" on this system", false};
+    std::string owners = "user " + user;
+    if (user.empty())
+        owners = "the members of group " + group;
+    else if (!group.empty())
+        owners += " and the members of group " + group;
 
     std::ostringstream out;
     out << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
         << " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
         << "<!-- System bus policy of the harvo-fw endpoint with the bus name " << busName
-        << ",\n     made by harvo-bus policy. -->\n"
+        << ",\n     made by harvo-bus policy.\n"
+        << "     Owner: only " << owners << " may own " << busName << "\n"
+        << "     (and emit signals on its interface).\n"
+        << "     Callers: everyone may call its methods SendMessage and\n"
+        << "     SendMessageWithBuffer, introspect it, ping it and receive its signals.\n"
+        << "     Left to the stock policy: everything else (other names and interfaces,\n"
+        << "     the bus's own methods). -->\n"
         << "<busconfig>\n";
     if (!user.empty())
         PrintOwnerPolicy(out, "user", user, busName);
-    if (!options.policyGroup.empty())
-        PrintOwnerPolicy(out, "group", options.policyGroup, busName);
+    if (!group.empty())
+        PrintOwnerPolicy(out, "group", group, busName);
     // Everyone may call the message interface, introspect the object and
     // ping it; replies need no rule (requested replies pass), and every
     // process may receive the endpoint's signals.
@@ -620,8 +735,9 @@ int main(int argc, char** argv) {
     try {
         return Run(argc, argv);
     } catch (const UsageError& error) {
-        std::cerr << "harvo-bus: " << error.message << "\n"
-                  << "Try 'harvo-bus --help' for more information.\n";
+        std::cerr << "harvo-bus: " << error.message << "\n";
+        if (error.showHelp)
+            std::cerr << "Try 'harvo-bus --help' for more information.\n";
         return kExitUsage;
     }
 }

@@ -14,6 +14,7 @@
 #include "BusTestSupport.h"
 #include "Gate.h"
 #include "EventPayloads.h"
+#include "HandOffBudget.h"
 #include "TCTask.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -108,43 +109,205 @@ double WallSeconds() {
 // ---------------------------------------------------------------------------
 // A flood of requests for a worker that is busy
 
-TEST(BoundedHandOff, AFloodForABusyWorkerIsAnsweredAtOnceAndDrainsWhenReleased) {
+// "UNIQUE :1.42" from a serving peer.
+std::string UniqueNameOf(PeerProcess& peer) {
+    if (!peer.WriteLine("whoami"))
+        return std::string();
+    const std::string line = peer.WaitLine("UNIQUE ", kLimit, true);
+    return line.empty() ? std::string() : line.substr(7);
+}
+
+// How many refusals of |sender| a coalesced warning stands for (its text
+// ends "(N refused from SENDER since its last line)"), or 0.
+size_t RefusalsIn(const std::string& text, const std::string& sender) {
+    const std::string tail = " refused from " + sender + " since its last line)";
+    if (text.size() < tail.size() ||
+        text.compare(text.size() - tail.size(), tail.size(), tail) != 0) {
+        return 0;
+    }
+    const size_t open = text.rfind('(', text.size() - tail.size());
+    if (open == std::string::npos)
+        return 0;
+    const std::string number = text.substr(open + 1, text.size() - tail.size() - open - 1);
+    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos)
+        return 0;
+    return std::stoul(number);
+}
+
+// The coalesced refusal lines of |sender| that start with |text|: their
+// number, and the sum of the refusals they stand for.
+size_t RefusalsReported(const LogCapture& capture, const std::string& text,
+                        const std::string& sender, size_t* lines) {
+    size_t total = 0;
+    *lines = 0;
+    for (const auto& line : capture.Lines()) {
+        harvo_test::FrameworkLine parsed;
+        if (line.prio != DLOG_WARN || !harvo_test::ParseFrameworkText(line.text, &parsed) ||
+            parsed.text.compare(0, text.size(), text) != 0) {
+            continue;
+        }
+        const size_t count = RefusalsIn(parsed.text, sender);
+        if (count > 0) {
+            total += count;
+            ++*lines;
+        }
+    }
+    return total;
+}
+
+const int kPerSender = static_cast<int>(Quelt::detail::kHandOffPerSender);
+const int kMark = static_cast<int>(Quelt::kWorkerHandOffHighWater);
+
+TEST(BoundedHandOff, AFloodFromOneSenderIsBoundedAndDrainsWhenReleased) {
     Worker worker;
     ASSERT_TRUE(worker.Created());
     WorkerService service("flood", worker.Task());
     ASSERT_TRUE(service.CreateDBusServer());
     CloseAtExit closer(service);
-    PeerProcess peer({"serve", "flooder"});
+    PeerProcess peer({"serve-quiet", "flooder"});
     ASSERT_TRUE(StartServingPeer(peer));
+    const std::string flooder = UniqueNameOf(peer);
     LogCapture capture;
 
     // The worker is stuck in a handler...
     ASSERT_TRUE(peer.WriteLine("asend flood block 0 {}"));
     ASSERT_TRUE(PumpUntil([&] { return service.gate.Waiting(); })) << capture.Dump();
 
-    // ...while a peer floods it with calls that expect no reply.
+    // ...while a peer floods it with calls that expect no reply: it gets its
+    // share of the queue, and the rest is refused.
     const int kFlood = 1500;
-    const int kMark = static_cast<int>(Quelt::kWorkerHandOffHighWater);
     ASSERT_TRUE(peer.WriteLine("flood flood count " + std::to_string(kFlood)));
     ASSERT_TRUE(PumpUntil([&] { return service.arrived.load() == 1 + kFlood; }))
         << service.arrived.load();
-    const std::string refusal = "request for flood refused: the queue of worker holds " +
-                                std::to_string(kMark) + " events (high-water mark " +
-                                std::to_string(kMark) + ")";
-    EXPECT_EQ(capture.CountFramework(DLOG_WARN, refusal), static_cast<size_t>(kFlood - kMark));
+    const std::string refusal = "request for flood refused: " + flooder + " has " +
+                                std::to_string(kPerSender) +
+                                " requests waiting in the queue of worker (per-sender bound " +
+                                std::to_string(kPerSender) + ")";
+    size_t lines = 0;
+    ASSERT_TRUE(PumpUntil([&] {
+        return RefusalsReported(capture, refusal, flooder, &lines) ==
+               static_cast<size_t>(kFlood - kPerSender);
+    })) << RefusalsReported(capture, refusal, flooder, &lines)
+        << capture.Dump();
 
     // A caller that waits for its reply gets the error reply at once.
     ASSERT_TRUE(peer.WriteLine("send flood echo 7 {}"));
     EXPECT_EQ(peer.WaitLine("SENT", kLimit, true), std::string("SENT 0  0 ") + kErrorBody);
-    EXPECT_EQ(capture.CountFramework(DLOG_WARN, refusal), static_cast<size_t>(kFlood - kMark + 1));
 
     // Released, the worker drains what was queued and answers again.
     service.gate.Open();
-    ASSERT_TRUE(PumpUntil([&] { return service.handled.load() == 1 + kMark; }))
+    ASSERT_TRUE(PumpUntil([&] { return service.handled.load() == 1 + kPerSender; }))
         << service.handled.load();
     ASSERT_TRUE(peer.WriteLine("send flood echo 7 {}"));
     EXPECT_EQ(peer.WaitLine("SENT", kLimit, true), "SENT 1 re:echo 8 {}");
-    EXPECT_EQ(service.handled.load(), 2 + kMark);
+    EXPECT_EQ(service.handled.load(), 2 + kPerSender);
+}
+
+// The case of a service whose worker is busy for a while: one peer floods
+// it with thousands of requests that expect no reply, and an ordinary
+// client's requests, sent during the stall, are all queued and answered.
+TEST(BoundedHandOff, OneFloodingPeerDoesNotStarveAnOrdinaryClient) {
+    Worker worker;
+    ASSERT_TRUE(worker.Created());
+    WorkerService service("busy", worker.Task());
+    ASSERT_TRUE(service.CreateDBusServer());
+    CloseAtExit closer(service);
+    PeerProcess flood({"serve-quiet", "flooder"});
+    PeerProcess client({"serve-quiet", "client"});
+    ASSERT_TRUE(StartServingPeer(flood));
+    ASSERT_TRUE(StartServingPeer(client));
+    const std::string flooder = UniqueNameOf(flood);
+    LogCapture capture;
+    const auto start = std::chrono::steady_clock::now();
+
+    ASSERT_TRUE(flood.WriteLine("asend busy block 0 {}"));
+    ASSERT_TRUE(PumpUntil([&] { return service.gate.Waiting(); }));
+    const int kFlood = 5000;
+    ASSERT_TRUE(flood.WriteLine("flood busy count " + std::to_string(kFlood)));
+    ASSERT_TRUE(PumpUntil([&] { return service.arrived.load() == 1 + kFlood; }))
+        << service.arrived.load();
+    const int kAsked = 20;
+    for (int i = 0; i < kAsked; ++i)
+        ASSERT_TRUE(client.WriteLine("asend busy echo " + std::to_string(i) + " {}"));
+    ASSERT_TRUE(PumpUntil([&] { return service.arrived.load() == 1 + kFlood + kAsked; }))
+        << service.arrived.load();
+
+    // The stall ends: every question of the client is answered.
+    service.gate.Open();
+    for (int i = 0; i < kAsked; ++i) {
+        EXPECT_EQ(client.WaitLine("REPLIED", kLimit, true),
+                  "REPLIED busy re:echo " + std::to_string(i + 1) + " {}");
+    }
+    // The flooder had its share: the request at work and those waiting.
+    ASSERT_TRUE(PumpUntil([&] { return service.handled.load() == 1 + kPerSender + kAsked; }))
+        << service.handled.load();
+
+    // Its refusals, one line per second at most, account for every one.
+    size_t lines = 0;
+    const std::string refusal = "request for busy refused: " + flooder + " has ";
+    ASSERT_TRUE(PumpUntil([&] {
+        return RefusalsReported(capture, refusal, flooder, &lines) ==
+               static_cast<size_t>(kFlood - kPerSender);
+    })) << RefusalsReported(capture, refusal, flooder, &lines);
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GE(lines, 1u);
+    EXPECT_LE(static_cast<double>(lines), seconds + 1.0) << lines << " lines in " << seconds;
+    EXPECT_EQ(service.handled.load(), 1 + kPerSender + kAsked);
+}
+
+// Eight senders at their bound fill the queue to its high-water mark; a
+// ninth is refused by the mark itself.
+TEST(BoundedHandOff, TheQueueAsAWholeKeepsItsHighWaterMark) {
+    Worker worker;
+    ASSERT_TRUE(worker.Created());
+    WorkerService service("crowd", worker.Task());
+    ASSERT_TRUE(service.CreateDBusServer());
+    CloseAtExit closer(service);
+    PeerProcess blocker({"serve-quiet", "blocker"});
+    ASSERT_TRUE(StartServingPeer(blocker));
+    ASSERT_TRUE(blocker.WriteLine("asend crowd block 0 {}"));
+    ASSERT_TRUE(PumpUntil([&] { return service.gate.Waiting(); }));
+    LogCapture capture;
+
+    const int kSenders = kMark / kPerSender + 1;
+    std::vector<GDBusConnection*> senders;
+    for (int i = 0; i < kSenders; ++i) {
+        senders.push_back(NewSecondConnection());
+        ASSERT_NE(senders.back(), nullptr);
+    }
+    // One sender after the other, each up to its bound.
+    int sent = 0;
+    for (int i = 0; i < kSenders; ++i) {
+        const std::string from = "crowd" + std::to_string(i);
+        for (int n = 0; n < kPerSender; ++n) {
+            g_dbus_connection_call(senders[i], "crowd.message", "/crowd/message", "crowd.message",
+                                   "SendMessage",
+                                   g_variant_new("(suss)", from.c_str(), 0u, "count", "{}"),
+                                   nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
+        }
+        g_dbus_connection_flush_sync(senders[i], nullptr, nullptr);
+        sent += kPerSender;
+        ASSERT_TRUE(PumpUntil([&] { return service.arrived.load() == 1 + sent; }))
+            << service.arrived.load();
+    }
+    // The last one found the queue full.
+    const std::string last = g_dbus_connection_get_unique_name(senders.back());
+    const std::string refusal = "request for crowd refused: the queue of worker holds " +
+                                std::to_string(kMark) + " events (high-water mark " +
+                                std::to_string(kMark) + ")";
+    size_t lines = 0;
+    ASSERT_TRUE(PumpUntil([&] {
+        return RefusalsReported(capture, refusal, last, &lines) == static_cast<size_t>(kPerSender);
+    })) << capture.Dump();
+
+    service.gate.Open();
+    ASSERT_TRUE(PumpUntil([&] { return service.handled.load() == 1 + kMark; }))
+        << service.handled.load();
+    for (GDBusConnection* connection : senders) {
+        g_dbus_connection_close_sync(connection, nullptr, nullptr);
+        g_object_unref(connection);
+    }
 }
 
 // A request still queued for a worker when its endpoint closes is answered

@@ -274,7 +274,9 @@ class HostileSignals : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(sub_.CreateDBusServer());
-        ASSERT_TRUE(sub_.SubscribeSignal("foe", "tick", Collect, &inbox_));
+        // From any sender: dbus-send owns no name, and a subscription to
+        // "foe" hears only the connection that owns foe's bus name.
+        ASSERT_TRUE(sub_.SubscribeSignal(nullptr, "tick", Collect, &inbox_));
         SettleSubscriptions(sub_);
     }
     void TearDown() override { sub_.CloseDBusServer(); }

@@ -336,7 +336,8 @@ TEST(BusLifecycle, NameLostToAReplacingOwner) {
         return false;
     });
     EXPECT_TRUE(lost) << capture.Dump();
-    // The endpoint is deaf from now on, and one error line says so; no retry.
+    // The endpoint is deaf while the peer has the name, and one error line
+    // says so; no retry (the bus gives the name back when the peer leaves).
     EXPECT_TRUE(harvo_bus_test::PumpForLog(
         capture, DLOG_ERROR,
         "dup lost the bus name dup.message: refused by the bus policy or taken by another owner"))
@@ -348,6 +349,48 @@ TEST(BusLifecycle, NameLostToAReplacingOwner) {
               harvo_bus_test::IndexOf(capture,
                                       "dup lost the bus name dup.message: refused by the "
                                       "bus policy or taken by another owner"));
+}
+
+// The bus keeps an endpoint whose name another owner took in the name's
+// queue: when that owner leaves, the name comes back and the endpoint
+// announces itself again.
+TEST(BusLifecycle, ANameTakenByAnotherOwnerComesBackWhenItLeaves) {
+    RecordingServer app("dup2", SERVER_TYPE_APP);
+    ASSERT_TRUE(app.CreateDBusServer());
+    CloseAtExit closer(app);
+    ASSERT_TRUE(PumpUntil([&] { return app.IsServiceAvailable("dup2"); }));
+    const std::string lost =
+        "dup2 lost the bus name dup2.message: refused by the bus policy or taken by another owner";
+    LogCapture capture;
+    {
+        PeerProcess peer({"serve", "dup2"});
+        ASSERT_TRUE(harvo_bus_test::PumpForLog(capture, DLOG_ERROR, lost)) << capture.Dump();
+    }
+    // Announced again after the loss.
+    ASSERT_TRUE(PumpUntil([&] {
+        bool afterLoss = false;
+        for (const auto& entry : capture.Lines()) {
+            harvo_test::FrameworkLine parsed;
+            if (!harvo_test::ParseFrameworkText(entry.text, &parsed))
+                continue;
+            if (parsed.text == lost)
+                afterLoss = true;
+            else if (afterLoss && parsed.text == "Send signal service_start_default : success.")
+                return true;
+        }
+        return false;
+    })) << capture.Dump();
+    GDBusConnection* connection = TCServerTestPeer::Connection(app);
+    GVariant* owner = g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetNameOwner", g_variant_new("(s)", "dup2.message"), G_VARIANT_TYPE("(s)"),
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    ASSERT_NE(owner, nullptr);
+    const gchar* unique = nullptr;
+    g_variant_get(owner, "(&s)", &unique);
+    EXPECT_STREQ(unique, g_dbus_connection_get_unique_name(connection));
+    g_variant_unref(owner);
+    EXPECT_EQ(CountPrefix(capture, DLOG_ERROR, "dup2 lost the bus name"), 1u);
 }
 
 TEST(BusLifecycle, NameCallbacksWithoutServer) {

@@ -33,7 +33,8 @@
 //   send DEST TYPE CODE TEXT   synchronous send: "SENT <0|1> <type> <code> <text>"
 //   asend DEST TYPE CODE TEXT  asynchronous send with reply object; the reply
 //                              arrives as "REPLIED <from> <type> <code> <text>"
-//   emit SIGNAL TEXT           "EMITTED <0|1>"
+//   emit SIGNAL TEXT           "EMITTED <0|1>", once the signal has left
+//   whoami                     "UNIQUE <the connection's unique bus name>"
 //   bsend DEST TYPE CODE SIZE TEXT
 //                              synchronous send with a buffer of SIZE bytes
 //                              (byte i is (7 i + 1) mod 256; 0: no buffer):
@@ -199,8 +200,17 @@ void RunCommand(const std::string& line) {
         std::getline(in >> std::ws, text);
         TCMessage message;
         message.SetMessage(text);
-        Say(std::string("EMITTED ") +
-            (g_server->SendSignal(signalName.c_str(), &message) ? "1" : "0"));
+        const bool emitted = g_server->SendSignal(signalName.c_str(), &message);
+        GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+        g_dbus_connection_flush_sync(connection, nullptr, nullptr);
+        g_object_unref(connection);
+        Say(std::string("EMITTED ") + (emitted ? "1" : "0"));
+        return;
+    }
+    if (verb == "whoami") {
+        GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+        Say(std::string("UNIQUE ") + g_dbus_connection_get_unique_name(connection));
+        g_object_unref(connection);
         return;
     }
     if (verb == "flood") {

@@ -31,3 +31,11 @@ foreach(stock_client gdbus dbus-send busctl python)
             ${stock_client} $<TARGET_FILE:bus_peer> ${PROJECT_SOURCE_DIR}/scripts)
     set_tests_properties(${stock_client_test} PROPERTIES LABELS unit TIMEOUT 60 SKIP_RETURN_CODE 77)
 endforeach()
+
+# Impersonation on the stock policy: an unprivileged user emitting a signal
+# as a live endpoint and calling with another live endpoint's name (needs
+# root: skipped otherwise).
+add_test(NAME tools_stock_identity
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/stock_identity_test.sh
+        $<TARGET_FILE:harvo-bus> $<TARGET_FILE:bus_peer>)
+set_tests_properties(tools_stock_identity PROPERTIES LABELS unit TIMEOUT 120 SKIP_RETURN_CODE 77)

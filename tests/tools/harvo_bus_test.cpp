@@ -2,6 +2,7 @@
 // The harvo-bus command-line tool, run as a child process against the
 // private bus: availability, synchronous and asynchronous sends with JSON
 // and buffers, emitting and listening, and its answers to bad input.
+#include <atomic>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -162,15 +163,25 @@ TEST(HarvoBusToolUsage, BadUsageIsExplainedWithStatusTwo) {
     }
 }
 
-// The policy of an endpoint, line by line, as the daemon reads it.
-std::string ExpectedPolicy(const std::string& busName, const std::vector<std::string>& owners) {
+// The policy of an endpoint, line by line, as the daemon reads it; |who|
+// names the owners in its comment.
+std::string ExpectedPolicy(const std::string& busName, const std::vector<std::string>& owners,
+                           const std::string& who) {
     std::string policy =
         "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
         " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
         "<!-- System bus policy of the harvo-fw endpoint with the bus name " +
         busName +
         ",\n"
-        "     made by harvo-bus policy. -->\n"
+        "     made by harvo-bus policy.\n"
+        "     Owner: only " +
+        who + " may own " + busName +
+        "\n"
+        "     (and emit signals on its interface).\n"
+        "     Callers: everyone may call its methods SendMessage and\n"
+        "     SendMessageWithBuffer, introspect it, ping it and receive its signals.\n"
+        "     Left to the stock policy: everything else (other names and interfaces,\n"
+        "     the bus's own methods). -->\n"
         "<busconfig>\n";
     for (const std::string& owner : owners) {
         policy += "  <policy " + owner + ">\n" + "    <allow own=\"" + busName + "\"/>\n" +
@@ -198,18 +209,36 @@ std::string ExpectedPolicy(const std::string& busName, const std::vector<std::st
 
 TEST(HarvoBusToolPolicy, LetsTheUserAndTheGroupOwnTheLegalBusNameAndEveryoneCall) {
     // The bus name is made legal the way the endpoint makes it.
-    const Outcome outcome = RunTool({"policy", "my app-1", "--user", "svc", "--group", "staff"});
+    const Outcome outcome = RunTool({"policy", "my app-1", "--user", "daemon", "--group", "staff"});
     EXPECT_EQ(0, outcome.status);
-    EXPECT_EQ(ExpectedPolicy("my_app_1.message", {"user=\"svc\"", "group=\"staff\""}),
+    EXPECT_EQ(ExpectedPolicy("my_app_1.message", {"user=\"daemon\"", "group=\"staff\""},
+                             "user daemon and the members of group staff"),
               outcome.All());
 }
 
 TEST(HarvoBusToolPolicy, WithoutUserOrGroupTheOwnerIsRoot) {
     const Outcome outcome = RunTool({"policy", "weather"});
     EXPECT_EQ(0, outcome.status);
-    EXPECT_EQ(ExpectedPolicy("weather.message", {"user=\"root\""}), outcome.All());
-    const Outcome group = RunTool({"policy", "weather", "--group", "weather"});
-    EXPECT_EQ(ExpectedPolicy("weather.message", {"group=\"weather\""}), group.All());
+    EXPECT_EQ(ExpectedPolicy("weather.message", {"user=\"root\""}, "user root"), outcome.All());
+    const Outcome group = RunTool({"policy", "weather", "--group", "staff"});
+    EXPECT_EQ(ExpectedPolicy("weather.message", {"group=\"staff\""}, "the members of group staff"),
+              group.All());
+}
+
+// The daemon would skip a rule for an account it does not know, and the
+// name would be nobody's to own.
+TEST(HarvoBusToolPolicy, RefusesAUserOrGroupThatDoesNotExistInOneLine) {
+    const Outcome user = RunTool({"policy", "weather", "--user", "no-such-user-here"});
+    EXPECT_EQ(2, user.status);
+    EXPECT_EQ(std::vector<std::string>{"harvo-bus: there is no user \"no-such-user-here\" on "
+                                       "this system"},
+              user.lines);
+    const Outcome group =
+        RunTool({"policy", "weather", "--user", "root", "--group", "no-such-group-here"});
+    EXPECT_EQ(2, group.status);
+    EXPECT_EQ(std::vector<std::string>{"harvo-bus: there is no group \"no-such-group-here\" on "
+                                       "this system"},
+              group.lines);
 }
 
 TEST(HarvoBusToolPolicy, ThePackagedPolicyIsWhatTheToolPrints) {
@@ -354,6 +383,56 @@ TEST_F(HarvoBusTool, EmitReachesSubscribersOfTheToolsName) {
     EXPECT_EQ(9u, listener.Received(0).code);
     EXPECT_EQ("{\"headline\":\"x\"}", listener.Received(0).text);
     EXPECT_EQ((std::vector<unsigned char>{'A', 'B'}), listener.Received(0).buffer);
+}
+
+// Endpoints own their names with replacement allowed; the tool must not use
+// that to take a running endpoint's name.
+TEST_F(HarvoBusTool, EmitNeverTakesTheNameOfARunningEndpoint) {
+    GDBusConnection* observer = harvo_bus_test::NewSecondConnection();
+    ASSERT_NE(observer, nullptr);
+    const std::string busName = std::string(kPeer) + ".message";
+    auto ownerOf = [&] {
+        GVariant* answer = g_dbus_connection_call_sync(
+            observer, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "GetNameOwner", g_variant_new("(s)", busName.c_str()), G_VARIANT_TYPE("(s)"),
+            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+        std::string owner;
+        if (answer != nullptr) {
+            const gchar* unique = nullptr;
+            g_variant_get(answer, "(&s)", &unique);
+            owner = unique;
+            g_variant_unref(answer);
+        }
+        return owner;
+    };
+    const std::string before = ownerOf();
+    ASSERT_FALSE(before.empty());
+    // Any change of owner would show here.
+    std::atomic<int> changes{0};
+    const guint watch = g_dbus_connection_signal_subscribe(
+        observer, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+        "/org/freedesktop/DBus", busName.c_str(), G_DBUS_SIGNAL_FLAGS_NONE,
+        [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*,
+           gpointer data) { static_cast<std::atomic<int>*>(data)->fetch_add(1); },
+        &changes, nullptr);
+    ownerOf();  // the bus has the match
+
+    const Outcome outcome = RunTool({"emit", "news", "--name", kPeer});
+    EXPECT_EQ(2, outcome.status) << outcome.All();
+    EXPECT_EQ(
+        std::vector<std::string>{"harvo-bus: the bus name " + busName +
+                                 " is owned by a running endpoint (connection " + before +
+                                 "): emitting as " + kPeer + " would take it; use another --name"},
+        outcome.lines);
+
+    EXPECT_EQ(ownerOf(), before);
+    harvo_bus_test::DrainContext();
+    EXPECT_EQ(changes.load(), 0);
+    // And the endpoint goes on answering.
+    EXPECT_EQ(0, RunTool({"send", kPeer, "--type", "echo"}).status);
+    g_dbus_connection_signal_unsubscribe(observer, watch);
+    g_dbus_connection_close_sync(observer, nullptr, nullptr);
+    g_object_unref(observer);
 }
 
 TEST_F(HarvoBusTool, ListenPrintsTheSignalsItWaitedFor) {
