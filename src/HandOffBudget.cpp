@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The per-sender bound on requests waiting for a worker. See HandOffBudget.h.
 
 #include "HandOffBudget.h"

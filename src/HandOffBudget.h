@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A per-sender bound on the bus requests waiting for one worker (internal
  * to the library).

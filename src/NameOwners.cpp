@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who owns a bus name, followed from the daemon's owner-changed signals.
 // See NameOwners.h.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Coalesced warnings about refused peers. See RefusalLog.h.
 
 #include "RefusalLog.h"

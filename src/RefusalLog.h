@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Warnings about refused peers, at most one line per sender per second
  * (internal to the library).

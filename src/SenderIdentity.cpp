@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who speaks for an endpoint. See SenderIdentity.h.
 
 #include "SenderIdentity.h"

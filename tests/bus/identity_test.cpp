@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Only the owner speaks for an endpoint: signals of a named sender come only
 // from the connection that owns its bus name, and a request whose "from"
 // names a live endpoint is refused unless the caller owns that endpoint's

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The internal tests that need the private bus and the peer program: they
 # link the library's internal archive, so the test support (which links the
 # shared library) is compiled in instead.

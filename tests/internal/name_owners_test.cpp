@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who owns a bus name, followed across processes: the owner appears,
 // disappears and is replaced while the cache asks the daemon once per name;
 // followed names are bounded per connection, and a finalised connection

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Impersonation on a system bus with the stock Debian policy, tried by an
 # unprivileged user (nobody) with stock tools, while the endpoints run with
 # the policies that `harvo-bus policy NAME --user root` prints:
