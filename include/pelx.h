@@ -147,6 +147,23 @@ PELX_API bool pelx_subscribe_signal(const char* source, const char* from, const 
  * open. */
 PELX_API bool pelx_unsubscribe_signal(const char* source, const char* from, const char* signalName);
 
+/** What a failed asynchronous send reports: the destination's endpoint
+ * name, the bus method ("SendMessage" or "SendMessageWithBuffer"), the
+ * message's type and code, the D-Bus error name (for instance
+ * "org.freedesktop.DBus.Error.ServiceUnknown") and its text. The texts are
+ * valid only during the call. */
+typedef void (*pelx_send_failure_cb)(const char* dest, const char* method, const char* type,
+                                     unsigned int code, const char* error_name,
+                                     const char* error_text, void* user_data);
+/** Sets the failure callback of this process's endpoint |source| (null
+ * |cb| removes it); Quelt::SetSendFailureHandler has the details. With a
+ * callback set, asynchronous sends from |source| without reply record
+ * expect a reply too, only to learn of a failure. The callback runs in the
+ * main context that was the sending thread's thread-default when it sent.
+ * False, with a log line, when |source| names no endpoint of this process. */
+PELX_API bool pelx_set_send_failure_cb(const char* source, pelx_send_failure_cb cb,
+                                       void* user_data);
+
 /** Gadgets written in C. The gadget fills a pelx_gadget_activity_ops record
  * with its callbacks and calls pelx_init_ui_gadget from UG_MODULE_INIT; the
  * framework creates the activity behind it. Every callback gets the

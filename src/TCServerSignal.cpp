@@ -15,6 +15,7 @@
 #include "Guarded.h"
 #include "MessageText.h"
 #include "QueltLog.h"
+#include "SendFailures.h"
 #include "ServerCallbacks.h"
 #include "TCServer.h"
 #include "TCServerHelper.h"
@@ -72,6 +73,7 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
 
     if (!IsOpen(m_connection)) {
         QLOGE("dbus connection is not open");
+        QLOGE("%s", detail::ExplainNoConnection(m_name, m_connection).c_str());
         return false;
     }
 
@@ -273,6 +275,7 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signalName, TCSign
                                 unsigned int& id, std::string& key) {
     if (!IsOpen(m_connection)) {
         QLOGE("dbus connection is not open");
+        QLOGE("%s", detail::ExplainNoConnection(m_name, m_connection).c_str());
         return -1;
     }
     if (signalName == nullptr) {
@@ -314,6 +317,12 @@ bool TCServer::m_UnSubscribeSignal(const char* from, const char* signalName, TCS
     // close of the server removes it.
     if (!IsOpen(m_connection) || from == nullptr) {
         QLOGE("dbus connection is not open");
+        if (from == nullptr)
+            QLOGE(
+                "a subscription made without a sender cannot be cancelled singly: closing the "
+                "endpoint ends it");
+        else
+            QLOGE("%s", detail::ExplainNoConnection(m_name, m_connection).c_str());
         return false;
     }
     if (signalName == nullptr) {
