@@ -106,6 +106,10 @@ std::string ExplainSyncFailure(const std::string& dest, const std::string& busNa
                " did not answer: it left the bus during the call (it ended or crashed), or the "
                "bus stopped waiting for it";
     }
+    if (NameIs(errorName, "Disconnected")) {
+        return "the bus connection of this process is closed (the bus stopped or dropped it): "
+               "close the endpoint and create it again";
+    }
     if (NameIs(errorName, "AccessDenied")) {
         return "the bus policy does not let this process call " + dest +
                ": install a policy for it (harvo-bus policy " + dest + ")";
