@@ -239,6 +239,11 @@ PELX_API void pelx_iterate_loop(pelx_app_endpoint_s* endpoint, int timeout_ms);
 PELX_API void pelx_quit_loop(pelx_app_endpoint_s* endpoint);
 /** @} */
 
+/** Whether some process owns the bus name of the application or service
+ * endpoint |name|, asked through this process's endpoint |source|. False,
+ * with a log line, when |source| names no endpoint of this process. */
+PELX_API bool pelx_is_service_available(const char* source, const char* name);
+
 /** Gadgets written in C. The gadget fills a pelx_gadget_activity_ops record
  * with its callbacks and calls pelx_init_ui_gadget from UG_MODULE_INIT; the
  * framework creates the activity behind it. Every callback gets the

@@ -212,6 +212,16 @@ PELX_API bool pelx_set_send_failure_cb(const char* source, pelx_send_failure_cb 
     return true;
 }
 
+PELX_API bool pelx_is_service_available(const char* source, const char* name) {
+    Quelt::TCServer* server = Quelt::TCServer::m_GetDbusServer(source);
+    Quelt::detail::EndpointPin pin = Quelt::detail::PinIfOpen(server);
+    if (server == nullptr || !pin) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    return pin.get()->IsServiceAvailable(name);
+}
+
 PELX_API bool pelx_unsubscribe_signal(const char* source, const char* from,
                                       const char* signalName) {
     return Quelt::TCServer::UnSubscribeManagedSignal(source, from, signalName);
