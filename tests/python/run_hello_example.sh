@@ -25,9 +25,10 @@ check() {  # check WHAT EXPECTED ACTUAL
 
 coproc SERVICE { exec "$PYTHON" "$EXAMPLES/hello_service.py"; }
 service_pid=$SERVICE_PID
+# Replaces the bus's own trap: both go at the end.
+trap 'kill "$service_pid" 2>/dev/null || true; harvo_private_bus_stop' EXIT
 # Our own copy of its output: bash forgets the coprocess's once it ends.
 exec {service_out}<&"${SERVICE[0]}"
-trap 'kill "$service_pid" 2>/dev/null || true' EXIT
 read -r -t 60 first <&"$service_out" || first="(nothing)"
 check "the service starts" "hello_py is serving" "$first"
 
@@ -47,7 +48,6 @@ check "the service ends after bye" "hello_py served 1 greetings" "$last"
 [[ "$last" == "(nothing)" ]] && kill "$service_pid" 2>/dev/null
 wait "$service_pid" && service_rc=0 || service_rc=$?
 check "the service exits well" 0 "$service_rc"
-trap - EXIT
 
 echo "$passed passed, $failed failed"
 [[ $failed -eq 0 ]]
