@@ -271,6 +271,51 @@ private:
     friend int AppMain(int argc, char** argv, class TCApplication* app);
 };
 
+/** What a failed asynchronous send reports to its endpoint's application.
+ *
+ *  \param dest      the destination's endpoint name, as given to SendMessage
+ *  \param method    the bus method called: "SendMessage" or
+ *                   "SendMessageWithBuffer"
+ *  \param type      the message's type (m_type)
+ *  \param code      the message's code (m_code)
+ *  \param errorName the D-Bus error name, e.g.
+ *                   "org.freedesktop.DBus.Error.ServiceUnknown" (no such
+ *                   endpoint), "org.freedesktop.DBus.Error.NoReply" (it left
+ *                   the bus during the call), "org.freedesktop.DBus.Error.Timeout"
+ *  \param errorText the error's text
+ *  \param userData  what was given to SetSendFailureHandler
+ *
+ *  The texts are valid only during the call. */
+typedef void (*TCSendFailureHandler)(const char* dest, const char* method, const char* type,
+                                     unsigned int code, const char* errorName,
+                                     const char* errorText, void* userData);
+
+/** Sets the handler that learns of the asynchronous sends of \p server that
+ *  fail on the bus (a missing service, a peer that dies during the call, an
+ *  error answered by the bus or the peer); a null \p handler removes it.
+ *  The handler belongs to the server object: it stays across
+ *  CloseDBusServer and CreateDBusServer and goes with the server.
+ *
+ *  Without a handler, a failed send that has a reply object logs its
+ *  failure ("dbus finish fail!" and a line naming the destination, the
+ *  method and the error) and a send without reply object goes with the
+ *  flag "no reply expected", so nobody learns of its failure, exactly as
+ *  before. With a handler, a send without reply object expects a reply too
+ *  (only to learn of a failure; the reply itself is dropped, and
+ *  IfMessageReplied is not called for it): failures of both kinds are
+ *  logged and reported.
+ *
+ *  The handler runs in the main context that was the thread-default of
+ *  the sending thread when it sent, like IfMessageReplied; a failure that
+ *  arrives after the endpoint was closed is dropped with the late replies.
+ *  In-process sends never fail on the bus. A synchronous send reports its
+ *  failure through its result and log lines only.
+ *
+ *  Threads: any; a send started before the call may still see the old
+ *  handler. */
+HARVO_FW_API void SetSendFailureHandler(TCServer* server, TCSendFailureHandler handler,
+                                        void* userData);
+
 }  // namespace Quelt
 
 #endif  // HARVO_FW_TCSERVER_H

@@ -3,9 +3,10 @@
  * \file TCServerHelper.h
  * Bus naming and payload packing. Stateless; every function is static.
  *
- * Names: for an endpoint N the bus name is N + ".message" made legal, the
- * interface name is the bus name, the object path is "/" + the bus name
- * with its dots turned into slashes.
+ * Names: for an endpoint N the bus name is N + ".message" made legal
+ * (FormatDBusName, then FormatDBusNameElements), the interface name is the
+ * bus name, the object path is "/" + the bus name with its dots turned into
+ * slashes.
  * Payloads: "(suss)" = from, code, type, message; "(suss@a*)" adds the
  * buffer as an array of one-byte structures, "a(y)".
  */
@@ -31,6 +32,13 @@ public:
     /** Replaces every byte that is not [0-9A-Za-z_.] with "_", in place;
      * true when anything was replaced. */
     static bool FormatDBusName(std::string& name);
+    /** Puts "_" in front of every element of \p name (the parts between
+     *  dots) that starts with a digit, which the bus does not accept:
+     *  "python3.11.pyg.message" becomes "python3._11.pyg.message". Names
+     *  whose elements all start otherwise are left as they are. Every bus
+     *  name the framework composes goes through FormatDBusName, then this.
+     *  \return true when anything was inserted. */
+    static bool FormatDBusNameElements(std::string& name);
     /** "/" + |busName| with every "." turned into "/". */
     static std::string GetObjectPath(std::string busName);
     /** Unpacks a request or reply. Outputs may be null when not wanted

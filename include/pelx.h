@@ -147,6 +147,103 @@ PELX_API bool pelx_subscribe_signal(const char* source, const char* from, const 
  * open. */
 PELX_API bool pelx_unsubscribe_signal(const char* source, const char* from, const char* signalName);
 
+/** What a failed asynchronous send reports: the destination's endpoint
+ * name, the bus method ("SendMessage" or "SendMessageWithBuffer"), the
+ * message's type and code, the D-Bus error name (for instance
+ * "org.freedesktop.DBus.Error.ServiceUnknown") and its text. The texts are
+ * valid only during the call. */
+typedef void (*pelx_send_failure_cb)(const char* dest, const char* method, const char* type,
+                                     unsigned int code, const char* error_name,
+                                     const char* error_text, void* user_data);
+/** Sets the failure callback of this process's endpoint |source| (null
+ * |cb| removes it); Quelt::SetSendFailureHandler has the details. With a
+ * callback set, asynchronous sends from |source| without reply record
+ * expect a reply too, only to learn of a failure. The callback runs in the
+ * main context that was the sending thread's thread-default when it sent.
+ * False, with a log line, when |source| names no endpoint of this process. */
+PELX_API bool pelx_set_send_failure_cb(const char* source, pelx_send_failure_cb cb,
+                                       void* user_data);
+
+/** @name Application endpoints without C++
+ * A program in any language that can call C becomes an application
+ * endpoint with these functions alone: create it, set its callbacks, run
+ * or iterate its loop, send with pelx_send_message and the other functions
+ * above (|source| is the endpoint's name), and destroy it at the end.
+ *
+ * \code
+ *   pelx_app_endpoint_s* app = pelx_create_app_endpoint("hello");
+ *   pelx_set_app_message_cb(app, on_message, NULL);
+ *   pelx_run_loop(app);           // until pelx_quit_loop(app)
+ *   pelx_destroy_app_endpoint(app);
+ * \endcode
+ *
+ * Threads: the endpoint belongs to the thread that created it. Its
+ * messages, replies, signals and send failures arrive in the main context
+ * that was that thread's thread-default at creation (the default context on
+ * a program's main thread), and only while that thread runs
+ * pelx_run_loop or pelx_iterate_loop. pelx_quit_loop may be called from
+ * any thread.
+ * @{ */
+
+/** An application endpoint made by pelx_create_app_endpoint; opaque. */
+typedef struct pelx_app_endpoint_s pelx_app_endpoint_s;
+
+/** A message for the endpoint. |message| and |reply| live only during the
+ * call; what the callback writes into |reply| (with the setters, which
+ * take over malloc'ed texts) is the answer the sender receives.
+ * |signal_name| is null for a message and names the signal for one
+ * subscribed without callback. Returning false tells the sender that the
+ * message failed: the reply's text becomes
+ * {"dbus_result":"fail","errmsg":"error handling"}, which makes a
+ * synchronous send return false. */
+typedef bool (*pelx_app_message_cb)(const char* from, pelx_message_s* message,
+                                    pelx_message_s* reply, const char* signal_name,
+                                    void* user_data);
+/** The reply of an asynchronous send that had a reply record; |reply|
+ * lives only during the call. */
+typedef void (*pelx_app_reply_cb)(const char* from, pelx_message_s* reply, void* user_data);
+
+/** Creates the process's application endpoint named |name| (copied): it
+ * owns the bus name |name| + ".message" (made legal), receives messages,
+ * and is the application whose name every log line carries. At most one
+ * per process (and none besides an application run by Quelt::AppMain).
+ * \return the endpoint, owned by the caller until
+ * pelx_destroy_app_endpoint; null, with a log line, when |name| is null or
+ * empty or the bus refuses. */
+PELX_API pelx_app_endpoint_s* pelx_create_app_endpoint(const char* name);
+/** Closes the endpoint (its bus name, object and subscriptions go) and
+ * frees it; null is ignored. Call it after its loop has returned, on any
+ * thread, but not from one of its own callbacks: that is refused with a
+ * log line (quit the loop there instead). */
+PELX_API void pelx_destroy_app_endpoint(pelx_app_endpoint_s* endpoint);
+/** Sets the message callback (null: messages get an empty reply, with a
+ * warning line) and its |user_data| (not owned). \return false for a null
+ * endpoint. */
+PELX_API bool pelx_set_app_message_cb(pelx_app_endpoint_s* endpoint, pelx_app_message_cb cb,
+                                      void* user_data);
+/** Sets the reply callback (null: replies are dropped) and its |user_data|
+ * (not owned). \return false for a null endpoint. */
+PELX_API bool pelx_set_app_reply_cb(pelx_app_endpoint_s* endpoint, pelx_app_reply_cb cb,
+                                    void* user_data);
+/** Runs the endpoint's loop on the calling thread until pelx_quit_loop.
+ * \return 0, or -1 for a null endpoint. */
+PELX_API int pelx_run_loop(pelx_app_endpoint_s* endpoint);
+/** Runs one iteration of the endpoint's loop: dispatches what is ready,
+ * waiting at most |timeout_ms| milliseconds for something to become ready
+ * (0: no wait, negative: without limit). For programs that keep their own
+ * loop, and for interpreters that handle Ctrl-C between calls. */
+PELX_API void pelx_iterate_loop(pelx_app_endpoint_s* endpoint, int timeout_ms);
+/** Ends pelx_run_loop: the one under way, or, when none runs, the next
+ * one (unless a pelx_iterate_loop takes the request first). Any thread,
+ * also from a callback. */
+PELX_API void pelx_quit_loop(pelx_app_endpoint_s* endpoint);
+/** @} */
+
+/** Whether some process owns the bus name of the application or service
+ * endpoint |name|, asked through this process's endpoint |source|. False,
+ * with a log line, when |source| names no endpoint of this process. */
+PELX_API bool pelx_is_service_available(const char* source, const char* name);
+
 /** Gadgets written in C. The gadget fills a pelx_gadget_activity_ops record
  * with its callbacks and calls pelx_init_ui_gadget from UG_MODULE_INIT; the
  * framework creates the activity behind it. Every callback gets the

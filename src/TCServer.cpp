@@ -13,6 +13,7 @@
 #include "EndpointGuard.h"
 #include "Guarded.h"
 #include "QueltLog.h"
+#include "SendFailures.h"
 #include "ServerCallbacks.h"
 #include "TCServerHelper.h"
 
@@ -86,6 +87,7 @@ TCServer::~TCServer() {
             m_CreatedDbusServers.erase(found);
     }
     detail::ForgetEndpoint(this);
+    detail::ForgetFailureHandler(this);
     m_closeLock.Destroy();
 }
 
@@ -114,8 +116,12 @@ TCServer* TCServer::m_GetDbusServer(const char* name) {
         if (found != m_CreatedDbusServers.end())
             return found->second;
     }
-    // The same words whatever the caller.
+    // The same words whatever the caller; the next line says what to do.
     QLOGE("Couldn't find %s dbus server, subscribe fail", name);
+    QLOGE(
+        "%s is not an endpoint of this process: create it first (CreateDBusServer, or "
+        "pelx_create_app_endpoint), or check the name",
+        name);
     return nullptr;
 }
 
@@ -148,6 +154,7 @@ bool TCServer::CreateDBusServer() {
         // the one peers would reach it by.
         std::string busName = m_name + ".message";
         TCServerHelper::FormatDBusName(busName);
+        TCServerHelper::FormatDBusNameElements(busName);
         if (!IsUsableBusName(m_name, busName))
             return false;
         detail::OpenEndpoint(this, m_name);
@@ -239,6 +246,12 @@ bool TCServer::m_PrepareBusName() {
     QLOGD("request a dbus name : %s", m_busName.c_str());
     if (TCServerHelper::FormatDBusName(m_busName)) {
         QLOGW("original name has illegal character, format to %s", m_busName.c_str());
+    }
+    // An executable named "python3.11" gives the element "11", which the
+    // bus refuses: such elements get a "_" in front, everywhere a bus name
+    // is composed, so that senders find the same name.
+    if (TCServerHelper::FormatDBusNameElements(m_busName)) {
+        QLOGW("bus name elements must not start with a digit: %s used instead", m_busName.c_str());
     }
     return IsUsableBusName(m_name, m_busName);
 }
@@ -413,6 +426,7 @@ bool TCServer::IsServiceAvailable(const char* serviceName) {
     }
     if (connection == nullptr || g_dbus_connection_is_closed(connection)) {
         QLOGE("dbus connection is not open");
+        QLOGE("%s", detail::ExplainNoConnection(m_name, connection).c_str());
         if (connection != nullptr)
             g_object_unref(connection);
         return false;
@@ -421,6 +435,7 @@ bool TCServer::IsServiceAvailable(const char* serviceName) {
     // its application's prefix.
     std::string busName = std::string(serviceName) + ".message";
     TCServerHelper::FormatDBusName(busName);
+    TCServerHelper::FormatDBusNameElements(busName);
 
     GError* error = nullptr;
     GVariant* result = g_dbus_connection_call_sync(

@@ -77,6 +77,24 @@ bool TCServerHelper::FormatDBusName(std::string& name) {
     return replaced;
 }
 
+bool TCServerHelper::FormatDBusNameElements(std::string& name) {
+    std::string legal;
+    legal.reserve(name.size() + 4);
+    bool inserted = false;
+    bool elementStart = true;
+    for (const char c : name) {
+        if (elementStart && c >= '0' && c <= '9') {
+            legal += '_';
+            inserted = true;
+        }
+        legal += c;
+        elementStart = c == '.';
+    }
+    if (inserted)
+        name.swap(legal);
+    return inserted;
+}
+
 std::string TCServerHelper::GetObjectPath(std::string busName) {
     std::string path = "." + busName;
     for (char& c : path) {
@@ -136,6 +154,7 @@ std::string TCServer::m_GetDBusName(std::string name) {
     }
     std::string busName = name + ".message";
     TCServerHelper::FormatDBusName(busName);
+    TCServerHelper::FormatDBusNameElements(busName);
     return busName;
 }
 

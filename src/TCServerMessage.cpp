@@ -21,6 +21,7 @@
 #include "HandOffBudget.h"
 #include "QueltLog.h"
 #include "RefusalLog.h"
+#include "SendFailures.h"
 #include "SenderIdentity.h"
 #include "ServerCallbacks.h"
 #include "TCEventIO.h"
@@ -95,13 +96,51 @@ bool ReportsFailure(TCMessage* reply) {
     return result.isString() && result.asString() == "fail";
 }
 
-// What an asynchronous call with a reply object carries to its completion:
-// the sender's token (not the sender, which may be closed and deleted
-// before the reply comes) and the member that delivers the reply.
+// What an asynchronous call carries to its completion: the sender's token
+// (not the sender, which may be closed and deleted before the reply
+// comes), the member that delivers the reply, and what a failure report
+// names. A call without reply object is only waited for when the sender's
+// application set a failure handler: its reply is dropped, its failure
+// reported.
 struct PendingReply {
     detail::EndpointToken token;
     GAsyncReadyCallback deliver;
+    detail::SendDescription send;
+    bool replyWanted = true;
 };
+
+// The call whose reply m_PendingCallNotify is handling on this thread, for
+// its failure report (null when it is called directly).
+thread_local const PendingReply* t_completing = nullptr;
+
+// The failure of an asynchronous call, once "dbus finish fail!" (or "bus
+// connection is NULL") is written: one line that names it, then the
+// application's handler.
+void ReportAsyncFailure(TCServer* server, const detail::SendDescription* send,
+                        const std::string& errorName, const std::string& errorText) {
+    if (send == nullptr) {
+        QLOGE("asynchronous call failed: %s: %s", errorName.c_str(), errorText.c_str());
+        return;
+    }
+    QLOGE("asynchronous %s to %s failed: %s: %s", send->method.c_str(), send->dest.c_str(),
+          errorName.c_str(), errorText.c_str());
+    detail::ReportSendFailure(server, *send, errorName, errorText);
+}
+
+// A call without reply object, made only to learn of its failure.
+void FinishUnwantedReply(GObject* source, GAsyncResult* result, TCServer* sender,
+                         const PendingReply& pending) {
+    GError* error = nullptr;
+    GVariant* answer = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+    if (answer != nullptr) {
+        g_variant_unref(answer);
+        return;
+    }
+    QLOGE("dbus finish fail!");
+    ReportAsyncFailure(sender, &pending.send, detail::BusErrorName(error),
+                       detail::BusErrorText(error));
+    g_clear_error(&error);
+}
 
 void OnPendingReply(GObject* source, GAsyncResult* result, gpointer data) {
     std::unique_ptr<PendingReply> pending(static_cast<PendingReply*>(data));
@@ -116,7 +155,16 @@ void OnPendingReply(GObject* source, GAsyncResult* result, gpointer data) {
             g_variant_unref(answer);
         return;
     }
+    if (!pending->replyWanted) {
+        FinishUnwantedReply(source, result, sender.get(), *pending);
+        return;
+    }
+    // Restored after: a handler that iterates the main context may complete
+    // other calls inside this one.
+    const PendingReply* outer = t_completing;
+    t_completing = pending.get();
     pending->deliver(source, result, sender.get());
+    t_completing = outer;
 }
 
 // A bus request handed to a worker's event IO. Whatever becomes of the
@@ -262,9 +310,11 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
           static_cast<void*>(reply));
     if (m_connection == nullptr || g_dbus_connection_is_closed(m_connection)) {
         QLOGE("dbus connection is not open");
+        QLOGE("%s", detail::ExplainNoConnection(m_name, m_connection).c_str());
         return false;
     }
     TCServerHelper::FormatDBusName(busName);
+    TCServerHelper::FormatDBusNameElements(busName);
     const std::string objectPath = TCServerHelper::GetObjectPath(busName);
     const std::string& interfaceName = busName;
 
@@ -337,22 +387,35 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
             // The remote handler's failure shows only in the reply body.
             if (reply->Parse() && ReportsFailure(reply)) {
                 QLOGE("send sync message fail: %s", reply->m_message.c_str());
+                QLOGE(
+                    "the handler of %s failed or refused the message (its reply says "
+                    "\"dbus_result\":\"fail\"): see that endpoint's log",
+                    dest);
                 result = false;
             }
         } else if (error != nullptr) {
             QLOGE("Fail to invoking sync message call(%s %d)", error->message, error->code);
+            QLOGE("%s", detail::ExplainSyncFailure(dest, busName, detail::BusErrorName(error),
+                                                   detail::BusErrorText(error), timeout)
+                            .c_str());
             g_error_free(error);
         }
     } else {
         // The reply object is not filled asynchronously: the reply goes to
-        // IfMessageReplied, on this thread's default main context.
-        if (reply != nullptr) {
+        // IfMessageReplied, on this thread's default main context. Without
+        // a reply object, a reply is expected only by an application that
+        // wants to learn of failures (SetSendFailureHandler); the others
+        // send with "no reply expected", as they always did.
+        const bool reportFailures = detail::FailureHandlerOf(this).handler != nullptr;
+        if (reply != nullptr || reportFailures) {
             // The call holds a token, not this server: a reply after our
             // close finds the token detached and is dropped.
+            auto* pending = new PendingReply{
+                detail::TokenOf(this), m_PendingCallNotify,
+                detail::SendDescription{dest, method, copy.m_type, copy.m_code}, reply != nullptr};
             g_dbus_connection_call(m_connection, route.destination.c_str(), objectPath.c_str(),
                                    interfaceName.c_str(), method, payload, nullptr,
-                                   G_DBUS_CALL_FLAGS_NONE, -1, nullptr, OnPendingReply,
-                                   new PendingReply{detail::TokenOf(this), m_PendingCallNotify});
+                                   G_DBUS_CALL_FLAGS_NONE, -1, nullptr, OnPendingReply, pending);
         } else {
             g_dbus_connection_call(m_connection, route.destination.c_str(), objectPath.c_str(),
                                    interfaceName.c_str(), method, payload, nullptr,
@@ -578,13 +641,21 @@ void TCServer::m_PendingCallNotify(GObject* source, GAsyncResult* result, gpoint
         QLOGW("bus %p is different from owner's bus connection %p", static_cast<void*>(connection),
               static_cast<void*>(server->m_connection));
     }
+    // Set when the call came through OnPendingReply: what the failure
+    // line and the application's handler name.
+    const detail::SendDescription* send = t_completing != nullptr ? &t_completing->send : nullptr;
     if (connection == nullptr || g_dbus_connection_is_closed(connection)) {
         QLOGE("bus connection is NULL");
+        ReportAsyncFailure(server, send, "org.freedesktop.DBus.Error.Disconnected",
+                           "the bus connection is closed");
         return;
     }
-    GVariant* answer = g_dbus_connection_call_finish(connection, result, nullptr);
+    GError* error = nullptr;
+    GVariant* answer = g_dbus_connection_call_finish(connection, result, &error);
     if (answer == nullptr) {
         QLOGE("dbus finish fail!");
+        ReportAsyncFailure(server, send, detail::BusErrorName(error), detail::BusErrorText(error));
+        g_clear_error(&error);
         return;
     }
 

@@ -17,6 +17,7 @@
 #include "MessageText.h"
 #include "NameOwners.h"
 #include "QueltLog.h"
+#include "SendFailures.h"
 #include "SenderIdentity.h"
 #include "ServerCallbacks.h"
 #include "TCServer.h"
@@ -75,6 +76,7 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
 
     if (!IsOpen(m_connection)) {
         QLOGE("dbus connection is not open");
+        QLOGE("%s", detail::ExplainNoConnection(m_name, m_connection).c_str());
         return false;
     }
 
@@ -276,6 +278,7 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signalName, TCSign
                                 unsigned int& id, std::string& key) {
     if (!IsOpen(m_connection)) {
         QLOGE("dbus connection is not open");
+        QLOGE("%s", detail::ExplainNoConnection(m_name, m_connection).c_str());
         return -1;
     }
     if (signalName == nullptr) {
@@ -326,6 +329,12 @@ bool TCServer::m_UnSubscribeSignal(const char* from, const char* signalName, TCS
     // close of the server removes it.
     if (!IsOpen(m_connection) || from == nullptr) {
         QLOGE("dbus connection is not open");
+        if (from == nullptr)
+            QLOGE(
+                "a subscription made without a sender cannot be cancelled singly: closing the "
+                "endpoint ends it");
+        else
+            QLOGE("%s", detail::ExplainNoConnection(m_name, m_connection).c_str());
         return false;
     }
     if (signalName == nullptr) {

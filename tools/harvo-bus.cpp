@@ -646,6 +646,7 @@ int Policy(const Options& options) {
     // The bus name exactly as the endpoint makes it.
     std::string busName = options.arguments[0] + ".message";
     Quelt::TCServerHelper::FormatDBusName(busName);
+    Quelt::TCServerHelper::FormatDBusNameElements(busName);
     if (!g_dbus_is_name(busName.c_str()) || g_dbus_is_unique_name(busName.c_str()))
         throw UsageError{"\"" + options.arguments[0] + "\" gives the bus name \"" + busName +
                          "\", which the bus does not accept"};

@@ -8,6 +8,7 @@
 
 #include "pelx.h"
 
+#include "EndpointGuard.h"
 #include "QueltLog.h"
 #include "TCEventIO.h"
 #include "TCServer.h"
@@ -196,6 +197,29 @@ PELX_API bool pelx_send_signal(const char* source, const char* signalName,
 PELX_API bool pelx_subscribe_signal(const char* source, const char* from, const char* signalName,
                                     pelx_signal_handler handler, void* userData) {
     return Quelt::TCServer::SubscribeManagedSignal(source, from, signalName, handler, userData);
+}
+
+PELX_API bool pelx_set_send_failure_cb(const char* source, pelx_send_failure_cb cb,
+                                       void* user_data) {
+    Quelt::TCServer* server = Quelt::TCServer::m_GetDbusServer(source);
+    // Pinned, so that it cannot go away while its handler is set.
+    Quelt::detail::EndpointPin pin = Quelt::detail::PinIfOpen(server);
+    if (server == nullptr || !pin) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    Quelt::SetSendFailureHandler(pin.get(), cb, user_data);
+    return true;
+}
+
+PELX_API bool pelx_is_service_available(const char* source, const char* name) {
+    Quelt::TCServer* server = Quelt::TCServer::m_GetDbusServer(source);
+    Quelt::detail::EndpointPin pin = Quelt::detail::PinIfOpen(server);
+    if (server == nullptr || !pin) {
+        QLOGW("%s is null", "server");
+        return false;
+    }
+    return pin.get()->IsServiceAvailable(name);
 }
 
 PELX_API bool pelx_unsubscribe_signal(const char* source, const char* from,

@@ -104,18 +104,18 @@ TEST(BusFailures, AnInterfaceDescriptionThatDoesNotParse) {
 
 TEST(BusFailures, ANameThatIsNoBusName) {
     LogCapture capture;
-    // "1st.message": an element may not start with a digit. Refused with
-    // its own line before GDBus sees it (tests/bus/hostile_test.cpp has
-    // more such names).
-    RecordingServer app("1st", SERVER_TYPE_APP);
+    // "1st..message": an element may not be empty. Refused with its own
+    // line before GDBus sees it (tests/bus/hostile_test.cpp has more such
+    // names).
+    RecordingServer app("1st.", SERVER_TYPE_APP);
     EXPECT_FALSE(app.CreateDBusServer());
-    EXPECT_TRUE(capture.HasFramework(DLOG_DEBUG, "request a dbus name : 1st.message"));
+    EXPECT_TRUE(capture.HasFramework(DLOG_DEBUG, "request a dbus name : 1st..message"));
     EXPECT_TRUE(capture.HasFramework(DLOG_ERROR,
-                                     "endpoint name '1st' cannot be used on the bus: "
-                                     "'1st.message' is not a valid bus name"));
+                                     "endpoint name '1st.' cannot be used on the bus: "
+                                     "'_1st..message' is not a valid bus name"));
     EXPECT_FALSE(capture.HasFramework(DLOG_ERROR, "Request bus name fail!"));
     EXPECT_EQ(TCServerTestPeer::OwnerId(app), 0u);
-    EXPECT_EQ(TCServerTestPeer::Registry().count("1st"), 0u);
+    EXPECT_EQ(TCServerTestPeer::Registry().count("1st."), 0u);
     app.CloseDBusServer();
     EXPECT_EQ(TCServerTestPeer::Connection(app), nullptr);
 }

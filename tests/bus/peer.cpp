@@ -8,6 +8,13 @@
 //       message of type "quit" or on the stdin command "quit".
 //   bus_peer serve-quiet NAME
 //       The same, without the framework's log lines on stderr (long runs).
+//   bus_peer bare NAME
+//       Owns the bus name of the endpoint NAME and exports its object path,
+//       but is no framework endpoint: it prints "CALL <method> <reply|noreply>"
+//       for every call (noreply: the caller sent it with the flag "no reply
+//       expected") and answers with the D-Bus error
+//       org.harvo.Test.Error.Refused "refused by the bare peer". Prints
+//       "READY" once the name is owned; ends on SIGTERM or stdin "quit".
 //   bus_peer emit NAME SIGNAL TEXT
 //       Creates the endpoint NAME, emits SIGNAL with TEXT as body, prints
 //       "EMITTED 1" (or 0) and ends.
@@ -55,6 +62,7 @@
 #include <dlog-host.h>
 #include <glib-unix.h>
 #include <harvo-fw/TCServer.h>
+#include <harvo-fw/TCServerHelper.h>
 
 namespace {
 
@@ -323,6 +331,76 @@ int Serve(const std::string& name) {
     return 0;
 }
 
+const char kBareInterfaceXml[] =
+    "<node><interface name='%s'>"
+    "<method name='SendMessage'>"
+    "<arg type='s' direction='in'/><arg type='u' direction='in'/>"
+    "<arg type='s' direction='in'/><arg type='s' direction='in'/>"
+    "</method>"
+    "<method name='SendMessageWithBuffer'>"
+    "<arg type='s' direction='in'/><arg type='u' direction='in'/>"
+    "<arg type='s' direction='in'/><arg type='s' direction='in'/>"
+    "<arg type='a(y)' direction='in'/>"
+    "</method>"
+    "</interface></node>";
+
+void OnBareCall(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
+                const gchar* /*interfaceName*/, const gchar* method, GVariant* /*parameters*/,
+                GDBusMethodInvocation* invocation, gpointer /*data*/) {
+    const GDBusMessageFlags flags =
+        g_dbus_message_get_flags(g_dbus_method_invocation_get_message(invocation));
+    Say(std::string("CALL ") + method + " " +
+        ((flags & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0 ? "noreply" : "reply"));
+    g_dbus_method_invocation_return_dbus_error(invocation, "org.harvo.Test.Error.Refused",
+                                               "refused by the bare peer");
+}
+
+void OnBareNameAcquired(GDBusConnection* /*connection*/, const gchar* /*name*/, gpointer /*data*/) {
+    Say("READY");
+}
+
+gboolean OnBareStdin(gint /*fd*/, GIOCondition /*condition*/, gpointer /*data*/) {
+    std::string line;
+    if (!ReadStdinLine(&line) || line == "quit") {
+        g_main_loop_quit(g_loop);
+        return G_SOURCE_REMOVE;
+    }
+    return G_SOURCE_CONTINUE;
+}
+
+int Bare(const std::string& name) {
+    g_loop = g_main_loop_new(nullptr, FALSE);
+    GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (connection == nullptr) {
+        Say("CREATE FAILED");
+        return 1;
+    }
+    // The names exactly as the framework composes them.
+    std::string busName = name + ".message";
+    Quelt::TCServerHelper::FormatDBusName(busName);
+    Quelt::TCServerHelper::FormatDBusNameElements(busName);
+    const std::string path = Quelt::TCServerHelper::GetObjectPath(busName);
+    gchar* xml = g_strdup_printf(kBareInterfaceXml, busName.c_str());
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml, nullptr);
+    g_free(xml);
+    const GDBusInterfaceVTable vtable = {OnBareCall, nullptr, nullptr, {nullptr}};
+    const guint registration = g_dbus_connection_register_object(
+        connection, path.c_str(), node->interfaces[0], &vtable, nullptr, nullptr, nullptr);
+    const guint owner =
+        g_bus_own_name_on_connection(connection, busName.c_str(), G_BUS_NAME_OWNER_FLAGS_NONE,
+                                     OnBareNameAcquired, nullptr, nullptr, nullptr);
+    g_unix_signal_add(SIGTERM, OnTerminate, nullptr);
+    g_unix_fd_add(STDIN_FILENO, G_IO_IN, OnBareStdin, nullptr);
+    g_main_loop_run(g_loop);
+    g_bus_unown_name(owner);
+    g_dbus_connection_unregister_object(connection, registration);
+    g_dbus_node_info_unref(node);
+    g_object_unref(connection);
+    g_main_loop_unref(g_loop);
+    g_loop = nullptr;
+    return 0;
+}
+
 int Emit(const std::string& name, const std::string& signalName, const std::string& text) {
     PeerServer server(name);
     if (!server.CreateDBusServer()) {
@@ -352,8 +430,10 @@ int main(int argc, char** argv) {
         dlog_host_set_stderr(0);
         return Serve(argv[2]);
     }
+    if (argc == 3 && std::strcmp(argv[1], "bare") == 0)
+        return Bare(argv[2]);
     if (argc == 5 && std::strcmp(argv[1], "emit") == 0)
         return Emit(argv[2], argv[3], argv[4]);
-    std::fprintf(stderr, "usage: %s serve NAME | emit NAME SIGNAL TEXT\n", argv[0]);
+    std::fprintf(stderr, "usage: %s serve NAME | bare NAME | emit NAME SIGNAL TEXT\n", argv[0]);
     return 2;
 }

@@ -581,14 +581,14 @@ TEST_F(InProcessSignals, KeySignalsArePlaceholders) {
 TEST_F(InProcessSignals, ASenderThatCannotBeANameFailsToSubscribe) {
     LogCapture capture;
     Inbox inbox;
-    // "1st.message" is not an interface name.
-    EXPECT_FALSE(sub_.SubscribeSignal("1st", "ping", NativeHandler, &inbox));
+    // "a..b.message" is not an interface name (an element is empty).
+    EXPECT_FALSE(sub_.SubscribeSignal("a..b", "ping", NativeHandler, &inbox));
     EXPECT_TRUE(capture.HasFramework(DLOG_ERROR, "fail to subscribe signal"));
-    EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "fail to register [1st.message.ping]"));
+    EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "fail to register [a..b.message.ping]"));
     EXPECT_FALSE(
-        TCServerTestPeer::Signals(sub_).IfSignalSubscribed(NATIVE_SIGNAL, "1st.message.ping"));
+        TCServerTestPeer::Signals(sub_).IfSignalSubscribed(NATIVE_SIGNAL, "a..b.message.ping"));
     capture.Clear();
-    EXPECT_FALSE(sub_.SubscribeManagedSignal("1st", "ping", ManagedHandler, &inbox));
+    EXPECT_FALSE(sub_.SubscribeManagedSignal("a..b", "ping", ManagedHandler, &inbox));
     EXPECT_TRUE(capture.HasFramework(DLOG_ERROR, "fail to subscribe signal"));
     EXPECT_EQ(CountPrefix(capture, DLOG_INFO, "fail to register"), 0u);
 }

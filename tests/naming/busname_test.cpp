@@ -207,3 +207,70 @@ TEST(GetDBusName, RegisteredBusNameIsNotFormattedAgain) {
 
     EXPECT_EQ("kept as-is.message", registered);
 }
+
+// ---------------------------------------------------------------------------
+// FormatDBusNameElements: elements that start with a digit
+
+TEST(FormatDBusNameElements, ElementAfterADotThatStartsWithADigitGetsAnUnderscore) {
+    std::string name = "python3.11.pyg.message";
+    EXPECT_TRUE(TCServerHelper::FormatDBusNameElements(name));
+    EXPECT_EQ("python3._11.pyg.message", name);
+}
+
+TEST(FormatDBusNameElements, FirstElementStartingWithADigitGetsAnUnderscore) {
+    std::string name = "2048.message";
+    EXPECT_TRUE(TCServerHelper::FormatDBusNameElements(name));
+    EXPECT_EQ("_2048.message", name);
+}
+
+TEST(FormatDBusNameElements, EveryOffendingElementIsChanged) {
+    std::string name = "3d.viewer.1st.message";
+    EXPECT_TRUE(TCServerHelper::FormatDBusNameElements(name));
+    EXPECT_EQ("_3d.viewer._1st.message", name);
+}
+
+TEST(FormatDBusNameElements, LegalNamesAreLeftAsTheyAre) {
+    for (const char* legal :
+         {"abc.DEF_9", "app.g1.message", "_7.message", "python3.message", "a.b_1.c", ""}) {
+        std::string name = legal;
+        EXPECT_FALSE(TCServerHelper::FormatDBusNameElements(name)) << legal;
+        EXPECT_EQ(legal, name);
+    }
+}
+
+TEST(FormatDBusNameElements, DigitsInsideAnElementAreLegal) {
+    std::string name = "app42.x9y.message";
+    EXPECT_FALSE(TCServerHelper::FormatDBusNameElements(name));
+    EXPECT_EQ("app42.x9y.message", name);
+}
+
+TEST(FormatDBusNameElements, ResultIsAValidBusName) {
+    for (const char* endpoint : {"python3.11", "7", "1.2.3", "my-app 2.0", "caf\xC3\xA9.9"}) {
+        std::string name = std::string(endpoint) + ".message";
+        TCServerHelper::FormatDBusName(name);
+        TCServerHelper::FormatDBusNameElements(name);
+        EXPECT_TRUE(g_dbus_is_name(name.c_str()) && !g_dbus_is_unique_name(name.c_str()))
+            << endpoint << " -> " << name;
+    }
+}
+
+TEST(FormatDBusNameElements, LogsNothing) {
+    LogCapture capture;
+    std::string name = "x.1";
+    TCServerHelper::FormatDBusNameElements(name);
+    EXPECT_TRUE(capture.Lines().empty()) << capture.Dump();
+}
+
+TEST(FormatDBusName, StillLeavesALeadingDigitAlone) {
+    // The character rule alone: elements are FormatDBusNameElements' job.
+    std::string name = "python3.11.message";
+    EXPECT_FALSE(TCServerHelper::FormatDBusName(name));
+    EXPECT_EQ("python3.11.message", name);
+}
+
+TEST(GetDBusName, ElementStartingWithADigitGetsAnUnderscore) {
+    TCServer server("caller", Quelt::SERVER_TYPE_PROXY);
+    EXPECT_EQ("python3._11.message", TCServerTestPeer::DBusName(server, "python3.11"));
+    EXPECT_EQ("_2048.message", TCServerTestPeer::DBusName(server, "2048"));
+    EXPECT_EQ("my_app.message", TCServerTestPeer::DBusName(server, "my app"));
+}

@@ -102,9 +102,12 @@ def iterate_until(condition, seconds=20.0):
 
 
 # A gadget's bus name starts with the application's name; without an
-# application in the process it is the executable's file name, made legal.
+# application in the process it is the executable's file name, made legal:
+# other characters become "_", and an element that starts with a digit
+# gets a "_" in front ("python3.11" -> "python3._11").
 process = os.path.basename(os.readlink("/proc/self/exe"))
 prefix = re.sub(r"[^0-9A-Za-z_.]", "_", process)
+prefix = re.sub(r"(^|\.)([0-9])", r"\1_\2", prefix)
 ENDPOINT = "pyg"
 
 # 1. Become an endpoint: a gadget record whose create callback returns a

@@ -259,8 +259,8 @@ TEST(HarvoBusToolPolicy, RefusesWhatCannotGoIntoAPolicy) {
     };
     const std::vector<Case> cases = {
         {{"policy"}, "usage: harvo-bus policy ENDPOINT [--user USER] [--group GROUP]"},
-        {{"policy", "1st"},
-         "harvo-bus: \"1st\" gives the bus name \"1st.message\", which the bus does not accept"},
+        {{"policy", "a..b"},
+         "harvo-bus: \"a..b\" gives the bus name \"a..b.message\", which the bus does not accept"},
         {{"policy", ""}, "which the bus does not accept"},
         {{"policy", "x", "--user", "a\"b"}, "harvo-bus: \"a\"b\" is not a user or group name"},
         {{"policy", "x", "--group", "<g>"}, "harvo-bus: \"<g>\" is not a user or group name"},

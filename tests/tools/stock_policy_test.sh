@@ -166,9 +166,10 @@ start_endpoint() {
     PIDS+=($!)
 }
 
-# The error line of the framework, priority letter and text exactly.
+# The error line of the framework, priority letter and text exactly (in a
+# file, without the colour escapes a terminal would get).
 refused_line() {
-    echo '^E/HarvoFW\([0-9]+\): TCServer\.cpp: m_OnNameLost\([0-9]+\) > .\[31m \[[^]]*\]'"$ENDPOINT lost the bus name $BUS_NAME: refused by the bus policy or taken by another owner"
+    echo '^E/HarvoFW\([0-9]+\): TCServer\.cpp: m_OnNameLost\([0-9]+\) >  \[[^]]*\]'"$ENDPOINT lost the bus name $BUS_NAME: refused by the bus policy or taken by another owner"
 }
 
 # ---------------------------------------------------------------------------

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/*
+/**
+ * \file ui-gadget-host.h
  * Host-only extension of the UI gadget library: where modules are found.
  * Not part of Tizen's UI gadget library; never include it from framework
  * sources.
@@ -35,11 +36,11 @@
 extern "C" {
 #endif
 
-/* Sets the colon-separated module directory list (copied); null clears it
- * so that UG_MODULE_PATH and the loader's search apply again. */
+/** Sets the colon-separated module directory list \p dirs (copied); null
+ * clears it so that UG_MODULE_PATH and the loader's search apply again. */
 void ug_host_set_module_path(const char* dirs);
 
-/* Number of live gadgets of the process. */
+/** Number of live gadgets of the process. */
 int ug_host_gadget_count(void);
 
 #ifdef __cplusplus

@@ -2,7 +2,9 @@
 // Host implementation of the platform log.
 //
 // Every line is formatted once, handed to the capture sink (if any) and
-// copied to standard error as "P/TAG(PID): text". One process-wide lock
+// copied to standard error as "P/TAG(PID): text", unless the filter (set by
+// HARVO_LOG or the dlog_host_set_* functions) holds it back; colour escapes
+// reach standard error only when it is a terminal. One process-wide lock
 // keeps lines whole and in order across threads.
 
 #include "dlog.h"
@@ -14,22 +16,140 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <cctype>
+#include <cstdlib>
 #include <string>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
+// Which lines are copied to standard error: a minimum priority for every
+// tag, and per-tag ones that override it.
+struct Filter {
+    int minimum = DLOG_VERBOSE;
+    std::vector<std::pair<std::string, int>> tags;
+
+    bool Passes(int prio, const char* tag) const {
+        int floor = minimum;
+        for (const auto& entry : tags) {
+            if (entry.first == tag) {
+                floor = entry.second;
+                break;
+            }
+        }
+        return floor < DLOG_SILENT && prio >= floor;
+    }
+};
+
+int PriorityOfLetter(char letter) {
+    switch (std::toupper(static_cast<unsigned char>(letter))) {
+        case 'V':
+            return DLOG_VERBOSE;
+        case 'D':
+            return DLOG_DEBUG;
+        case 'I':
+            return DLOG_INFO;
+        case 'W':
+            return DLOG_WARN;
+        case 'E':
+            return DLOG_ERROR;
+        case 'F':
+            return DLOG_FATAL;
+        case 'S':
+            return DLOG_SILENT;
+        default:
+            return -1;
+    }
+}
+
+// Parses "W", "HarvoFW:I,WPERF:S", "*:E" (specs separated by commas or
+// blanks). False, with |why| set, when a spec does not parse.
+bool ParseFilter(const char* spec, Filter* filter, std::string* why) {
+    Filter parsed;
+    const std::string text = spec != nullptr ? spec : "";
+    size_t at = 0;
+    while (at < text.size()) {
+        const size_t end = text.find_first_of(", \t", at);
+        const std::string item = text.substr(at, end == std::string::npos ? end : end - at);
+        at = end == std::string::npos ? text.size() : end + 1;
+        if (item.empty())
+            continue;
+        const size_t colon = item.rfind(':');
+        const std::string tag = colon == std::string::npos ? "*" : item.substr(0, colon);
+        const std::string letter = colon == std::string::npos ? item : item.substr(colon + 1);
+        const int prio = letter.size() == 1 ? PriorityOfLetter(letter[0]) : -1;
+        if (prio < 0 || tag.empty()) {
+            *why = "\"" + item + "\" is not P or TAG:P with P one of V D I W E F S";
+            return false;
+        }
+        if (tag == "*")
+            parsed.minimum = prio;
+        else
+            parsed.tags.emplace_back(tag, prio);
+    }
+    *filter = std::move(parsed);
+    return true;
+}
+
 struct LogState {
+    LogState() {
+        // A device's log filter is set outside the program; here, by the
+        // environment of the process, once.
+        const char* spec = std::getenv("HARVO_LOG");
+        std::string why;
+        if (spec != nullptr && !ParseFilter(spec, &filter, &why)) {
+            const std::string line = "harvo-host-platform: HARVO_LOG=\"" + std::string(spec) +
+                                     "\" ignored: " + why + "\n";
+            ssize_t ignored = write(STDERR_FILENO, line.data(), line.size());
+            (void)ignored;
+        }
+    }
     std::mutex lock;
     dlog_host_sink_cb sink = nullptr;
     void* sink_data = nullptr;
     bool to_stderr = true;
+    Filter filter;
+    int colour_mode = DLOG_HOST_COLOUR_AUTO;
+    int colour = -1;  // -1: not decided yet; else whether escapes are kept
 };
 
 LogState& State() {
     // Never destroyed: threads may still log while the process exits.
     static LogState* state = new LogState();
     return *state;
+}
+
+// Whether the copy on standard error keeps colour escapes. Called with the
+// state's lock held.
+bool KeepsColour(LogState& state) {
+    if (state.colour < 0) {
+        state.colour = state.colour_mode == DLOG_HOST_COLOUR_AUTO
+                           ? (isatty(STDERR_FILENO) != 0 ? 1 : 0)
+                           : (state.colour_mode == DLOG_HOST_COLOUR_ALWAYS ? 1 : 0);
+    }
+    return state.colour != 0;
+}
+
+// Appends |size| bytes of |text| to |out| without the terminal escapes
+// "ESC [ digits-and-semicolons m" (the framework's colours).
+void AppendWithoutEscapes(std::string& out, const char* text, size_t size) {
+    size_t i = 0;
+    while (i < size) {
+        if (text[i] == '\033' && i + 1 < size && text[i + 1] == '[') {
+            size_t j = i + 2;
+            while (j < size &&
+                   (std::isdigit(static_cast<unsigned char>(text[j])) || text[j] == ';'))
+                ++j;
+            if (j < size && text[j] == 'm') {
+                i = j + 1;
+                continue;
+            }
+        }
+        out += text[i];
+        ++i;
+    }
 }
 
 // A formatted line: |size| bytes at |text|, followed by a NUL byte.
@@ -152,7 +272,7 @@ Line FormatInto(std::string& buffer, const char* fmt, va_list args) {
     return {buffer.data(), static_cast<size_t>(needed)};
 }
 
-void WriteStderr(int prio, const char* tag, const Line& text) {
+void WriteStderr(int prio, const char* tag, const Line& text, bool colour) {
     std::string line;
     line.reserve(text.size + 32);
     line += dlog_host_priority_letter(prio);
@@ -161,7 +281,10 @@ void WriteStderr(int prio, const char* tag, const Line& text) {
     line += '(';
     line += std::to_string(static_cast<long>(getpid()));
     line += "): ";
-    line.append(text.text, text.size);
+    if (colour)
+        line.append(text.text, text.size);
+    else
+        AppendWithoutEscapes(line, text.text, text.size);
     if (line.empty() || line.back() != '\n')
         line += '\n';
     // One write per line so concurrent processes sharing stderr stay readable.
@@ -174,6 +297,13 @@ void WriteStderr(int prio, const char* tag, const Line& text) {
 extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...) {
     if (tag == nullptr || fmt == nullptr)
         return -EINVAL;
+    LogState& state = State();
+    {
+        // A line that nobody will see is not even formatted.
+        std::lock_guard<std::mutex> guard(state.lock);
+        if (state.sink == nullptr && !(state.to_stderr && state.filter.Passes(prio, tag)))
+            return 0;
+    }
     std::string ownBuffer;  // grows to the line's size when used
     std::string* buffer = &ownBuffer;
     if (!t_bufferGone) {
@@ -185,12 +315,11 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
     Line text = FormatInto(*buffer, fmt, args);
     va_end(args);
 
-    LogState& state = State();
     std::lock_guard<std::mutex> guard(state.lock);
     if (state.sink != nullptr)
         state.sink(log_id, prio, tag, text.text, state.sink_data);
-    if (state.to_stderr)
-        WriteStderr(prio, tag, text);
+    if (state.to_stderr && state.filter.Passes(prio, tag))
+        WriteStderr(prio, tag, text, KeepsColour(state));
     return static_cast<int>(text.size);
 }
 
@@ -205,6 +334,30 @@ extern "C" void dlog_host_set_stderr(int enabled) {
     LogState& state = State();
     std::lock_guard<std::mutex> guard(state.lock);
     state.to_stderr = enabled != 0;
+}
+
+extern "C" void dlog_host_set_min_priority(int prio) {
+    LogState& state = State();
+    std::lock_guard<std::mutex> guard(state.lock);
+    state.filter.minimum = prio;
+}
+
+extern "C" int dlog_host_set_filter(const char* spec) {
+    Filter filter;
+    std::string why;
+    if (!ParseFilter(spec, &filter, &why))
+        return -EINVAL;
+    LogState& state = State();
+    std::lock_guard<std::mutex> guard(state.lock);
+    state.filter = std::move(filter);
+    return 0;
+}
+
+extern "C" void dlog_host_set_colour(int mode) {
+    LogState& state = State();
+    std::lock_guard<std::mutex> guard(state.lock);
+    state.colour_mode = mode;
+    state.colour = -1;
 }
 
 extern "C" char dlog_host_priority_letter(int prio) {
