@@ -312,10 +312,9 @@ int TCServer::m_SubscribeSignal(const char* from, const char* signalName, TCSign
     // queued before the close finds the endpoint gone (m_DSignalHandler is
     // reached through ServerCallbacks).
     gpointer ref = detail::NewCallbackRef(detail::TokenOf(this));
-    id = g_dbus_connection_signal_subscribe(m_connection, sender, sender, signalName, nullptr,
-                                            nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-                                            detail::ServerCallbacks::Signal, ref,
-                                            detail::FreeCallbackRef);
+    id = g_dbus_connection_signal_subscribe(
+        m_connection, sender, sender, signalName, nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+        detail::ServerCallbacks::Signal, ref, detail::FreeCallbackRef);
     if (id == 0) {
         detail::FreeCallbackRef(ref);
         QLOGE("fail to subscribe signal");
