@@ -7,7 +7,8 @@
 # machine's load.
 #
 # Usage: bash bench/callgrind_roundtrip.sh BUILD_DIR CASE N1 N2 [OUT_DIR]
-#   CASE: "signal fwk", "signal raw" or "sync"
+#   CASE: "signal fwk", "signal raw", "sync" or "bus BODY_BYTES" (a
+#   synchronous bus message with a body of that size, to the bench peer)
 # The profiles stay in OUT_DIR (default: a fresh temporary directory) as
 # cg.N1.<process> and cg.N2.<process>, for callgrind_annotate.
 set -euo pipefail

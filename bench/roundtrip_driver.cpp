@@ -20,6 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -280,12 +281,48 @@ int Sync(int n) {
 
 }  // namespace
 
+// |n| synchronous messages with a JSON body of |body| bytes from a proxy
+// endpoint to the bench peer's framework endpoint.
+int Bus(int n, size_t body) {
+    if (g_getenv("DBUS_SYSTEM_BUS_ADDRESS") == nullptr) {
+        std::fprintf(stderr, "run under scripts/private-bus.sh\n");
+        return 2;
+    }
+    Peer peer;
+    if (!StartPeer(peer)) {
+        StopPeer(peer);
+        return 1;
+    }
+    int result = 0;
+    {
+        Quelt::TCServer client("bench_client", Quelt::SERVER_TYPE_PROXY);
+        if (!client.CreateDBusProxy()) {
+            StopPeer(peer);
+            return 1;
+        }
+        Quelt::TCMessage message;
+        message.m_type = "echo";
+        message.m_code = 3;
+        message.SetMessage("{\"d\":\"" + std::string(std::max<size_t>(body, 8) - 8, 'x') + "\"}");
+        for (int i = 0; i < n && result == 0; ++i) {
+            Quelt::TCMessage reply;
+            if (!client.SendMessage("bench_fwk", &message, true, &reply, -1))
+                result = 1;
+        }
+        client.CloseDBusProxy();
+    }
+    StopPeer(peer);
+    return result;
+}
+
 int main(int argc, char** argv) {
     dlog_host_set_stderr(0);
     if (argc == 4 && std::strcmp(argv[1], "signal") == 0)
         return Signal(std::strcmp(argv[2], "fwk") == 0, std::atoi(argv[3]));
     if (argc == 3 && std::strcmp(argv[1], "sync") == 0)
         return Sync(std::atoi(argv[2]));
-    std::fprintf(stderr, "usage: %s signal fwk|raw N | sync N\n", argv[0]);
+    if (argc == 4 && std::strcmp(argv[1], "bus") == 0)
+        return Bus(std::atoi(argv[3]), static_cast<size_t>(std::atol(argv[2])));
+    std::fprintf(stderr, "usage: %s signal fwk|raw N | sync N | bus BODY_BYTES N\n", argv[0]);
     return 2;
 }

@@ -37,6 +37,11 @@ struct PayloadView {
  * |view| unknown and answers true. */
 bool AnalyseServerMsg(GVariant* msg, PayloadView* view);
 
+/* AnalyseServerMsg for every shape a message may arrive in: a plain byte
+ * array ("(sussay)") is read as the buffer too, in place, with the lines
+ * AnalyseServerMsg writes for "(sussa(y))". */
+bool ReadMessagePayload(GVariant* msg, PayloadView* view);
+
 /* Fills |message| from |view| as TCServerHelper::SetTCMessage fills it
  * from unpacked copies: the text (parsed), the code, the type and the
  * buffer; missing texts and a zero size leave those members as they were.
@@ -57,12 +62,6 @@ GVariant* BuildPayload(const char* from, guint32 code, const char* type, const c
  * that stock tools (dbus-send, gdbus) send for a buffer. Any other shape
  * (and null) must not reach application code. */
 bool IsMessagePayload(GVariant* payload);
-
-/* A new reference to |payload| in the framework's own shapes: "(sussay)"
- * becomes "(sussa(y))" over the same bytes (a byte array and an array of
- * one-byte structures are laid out alike); every other value is returned
- * as it is, with a new reference. The caller unrefs the result. */
-GVariant* ToFrameworkPayload(GVariant* payload);
 
 /* Unpacks a reply or signal payload ("(suss)", "(sussa(y))" or "(sussay)") into
  * |message| and frees the unpacked copies. When |from| is not null it

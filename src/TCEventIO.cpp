@@ -210,7 +210,12 @@ gboolean RunQueuedSyncEvent(QueuedSyncEvent* queued) {
         if (senderAwaitsHandler)
             call->pair[0].Give();
     } else {
+        // The pair's protocol: once the sender has taken note (the second
+        // semaphore), neither side touches the pair again, and the loop
+        // destroys it, off the sender's way back.
         AnswerSemaphorePair(call->pair);
+        DeleteSemaphorePair(call->pair);
+        call->pair = nullptr;
     }
     delete queued;
     return TRUE;
@@ -219,9 +224,15 @@ gboolean RunQueuedSyncEvent(QueuedSyncEvent* queued) {
 // The event IO that serves |event|'s receiver.
 TCEventIO* ServingIO(const TCEvent* event);
 
-// Whether the calling thread runs |io|'s loop (it has acquired the loop's
-// context): an event sent there can only run once the caller returns.
+// Whether the calling thread runs |io|'s loop and is inside one of its
+// dispatches (a handler, a callback): an event sent there can only run once
+// the caller returns. Asked only of a thread that dispatches a source: the
+// context's ownership is behind the context's lock, which the loop's own
+// thread holds between its dispatches, and a sender that is no callback
+// would wait for it on every send.
 bool RunsOnThisThread(TCEventIO* io) {
+    if (g_main_current_source() == nullptr)
+        return false;
     GMainLoop* loop = io->GetMainLoop();
     GMainContext* context =
         loop != nullptr ? g_main_loop_get_context(loop) : g_main_context_default();
@@ -280,9 +291,10 @@ struct WakeWatch {
     gboolean dispatching;
     // Between the loop's thread and a Final on another thread.
     GMutex guard;
-    GCond idle;         // signalled when a dispatch returns
+    GCond idle;         // signalled when a dispatch returns and a Final waits
     GThread* runner;    // the thread inside a dispatch, or null
     gboolean detached;  // Final ran: no later dispatch reaches the IO
+    gint waiters;       // Finals waiting on |idle|: signalling it is a system call
 };
 
 WakeWatch* AsWakeWatch(GSource* source) {
@@ -354,7 +366,8 @@ public:
             return;
         g_mutex_lock(&watch_->guard);
         watch_->runner = nullptr;
-        g_cond_broadcast(&watch_->idle);
+        if (watch_->waiters > 0)
+            g_cond_broadcast(&watch_->idle);
         g_mutex_unlock(&watch_->guard);
     }
     RunningDispatch(const RunningDispatch&) = delete;
@@ -402,12 +415,14 @@ bool DetachWakeWatch(GSource* source, const std::string& name) {
     const gint64 limitUs = static_cast<gint64>(detail::OtherThreadWaitLimitMs()) * 1000;
     const gint64 deadline = g_get_monotonic_time() + limitUs;
     bool idle = true;
+    ++watch->waiters;
     while (watch->runner != nullptr && watch->runner != g_thread_self()) {
         if (!g_cond_wait_until(&watch->idle, &watch->guard, deadline)) {
             idle = watch->runner == nullptr;
             break;
         }
     }
+    --watch->waiters;
     g_mutex_unlock(&watch->guard);
     if (!idle) {
         QLOGE("event io %s: its loop still runs an event after %u ms; finalising without it",
@@ -429,6 +444,7 @@ GSource* NewWakeWatch(GIOChannel* channel) {
     g_cond_init(&watch->idle);
     watch->runner = nullptr;
     watch->detached = FALSE;
+    watch->waiters = 0;
     watch->pollfd.fd = g_io_channel_unix_get_fd(channel);
     watch->pollfd.events = G_IO_IN;
     watch->pollfd.revents = 0;

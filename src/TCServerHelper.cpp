@@ -37,13 +37,9 @@ const char kPlainPayload[] = "(suss)";
 // The shape in which a payload with buffer arrives: the "@a*" it was built
 // with is concrete once the array is made, "a(y)".
 const char kBufferPayload[] = "(sussa(y))";
-// A buffer as stock tools send it: a plain array of bytes. Accepted on
-// receipt only; the framework itself always sends "a(y)".
+// A buffer as a plain array of bytes: what stock tools send, and what
+// endpoints that announce it exchange.
 const char kByteArrayPayload[] = "(sussay)";
-
-void UnrefVariant(gpointer variant) {
-    g_variant_unref(static_cast<GVariant*>(variant));
-}
 
 }  // namespace
 
@@ -197,12 +193,21 @@ void ReadHead(GVariant* msg, PayloadView* view) {
 }  // namespace
 
 // Named like the public helper, whose log lines it writes.
-bool AnalyseServerMsg(GVariant* msg, PayloadView* view) {
+namespace {
+
+// AnalyseServerMsg, with a plain byte array ("(sussay)") read as the buffer
+// too when |byteArrayToo|; its lines then name the array of structures, as
+// they did when such a payload was first converted into one. (An overload,
+// so that the lines carry the function's name.)
+bool AnalyseServerMsg(GVariant* msg, PayloadView* view, bool byteArrayToo) {
     if (msg == nullptr) {
         QLOGW("%s is null", "msg");
         return false;
     }
     const gchar* typeString = g_variant_get_type_string(msg);
+    const bool byteArray = byteArrayToo && std::strcmp(typeString, kByteArrayPayload) == 0;
+    if (byteArray)
+        typeString = kBufferPayload;
     QLOGI("%s", typeString);
 
     if (std::strcmp(typeString, kPlainPayload) == 0) {
@@ -210,11 +215,11 @@ bool AnalyseServerMsg(GVariant* msg, PayloadView* view) {
         view->known = true;
         return true;
     }
-
     if (std::strcmp(typeString, kBufferPayload) == 0) {
         ReadHead(msg, view);
         view->array = g_variant_get_child_value(msg, 4);
-        // Each "(y)" element is one byte, so the array's data is the buffer.
+        // Each "(y)" element, like each byte of "ay", is one byte, so the
+        // array's data is the buffer.
         const guchar* data = static_cast<const guchar*>(g_variant_get_data(view->array));
         const gsize dataSize = g_variant_get_size(view->array);
         QLOGI("get data of %s", typeString);
@@ -224,9 +229,18 @@ bool AnalyseServerMsg(GVariant* msg, PayloadView* view) {
             view->bytes = data;
             view->size = static_cast<unsigned int>(dataSize);
         }
-        return true;
     }
     return true;
+}
+
+}  // namespace
+
+bool AnalyseServerMsg(GVariant* msg, PayloadView* view) {
+    return AnalyseServerMsg(msg, view, false);
+}
+
+bool ReadMessagePayload(GVariant* msg, PayloadView* view) {
+    return AnalyseServerMsg(msg, view, true);
 }
 
 GVariant* BuildPayload(const char* from, guint32 code, const char* type, const char* text,
@@ -262,25 +276,6 @@ bool IsMessagePayload(GVariant* payload) {
            std::strcmp(shape, kByteArrayPayload) == 0;
 }
 
-GVariant* ToFrameworkPayload(GVariant* payload) {
-    if (payload == nullptr)
-        return nullptr;
-    if (std::strcmp(g_variant_get_type_string(payload), kByteArrayPayload) != 0)
-        return g_variant_ref(payload);
-    const gchar* from = nullptr;
-    guint32 code = 0;
-    const gchar* type = nullptr;
-    const gchar* text = nullptr;
-    GVariant* bytes = nullptr;
-    g_variant_get(payload, "(&su&s&s@ay)", &from, &code, &type, &text, &bytes);
-    // The structure array borrows the byte array's data and holds the byte
-    // array until it is itself released.
-    GVariant* structures =
-        g_variant_new_from_data(G_VARIANT_TYPE("a(y)"), g_variant_get_data(bytes),
-                                g_variant_get_size(bytes), TRUE, UnrefVariant, bytes);
-    return g_variant_ref_sink(g_variant_new("(suss@a(y))", from, code, type, text, structures));
-}
-
 void FillMessage(TCMessage* message, const PayloadView& view) {
     if (message == nullptr) {
         // The helper writes the line for a missing target.
@@ -303,17 +298,12 @@ void FillMessage(TCMessage* message, const PayloadView& view) {
 }
 
 void UnpackIntoMessage(GVariant* payload, char** from, TCMessage* message) {
-    GVariant* framework = ToFrameworkPayload(payload);
-    {
-        // Outputs start empty: a payload of another shape writes nothing
-        // but the code, 0.
-        PayloadView view;
-        AnalyseServerMsg(framework, &view);
-        StoreText(from, view.known ? view.from : nullptr);
-        FillMessage(message, view);
-    }
-    if (framework != nullptr)
-        g_variant_unref(framework);
+    // Outputs start empty: a payload of another shape writes nothing but
+    // the code, 0.
+    PayloadView view;
+    ReadMessagePayload(payload, &view);
+    StoreText(from, view.known ? view.from : nullptr);
+    FillMessage(message, view);
 }
 
 }  // namespace detail

@@ -9,6 +9,7 @@
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -83,6 +84,16 @@ std::string SenderBoundRefusal(const std::string& endpoint, const std::string& q
 
 const char* OrNull(const char* text) {
     return text != nullptr ? text : "null";
+}
+
+// A new[] copy of |text|, or null.
+char* CopyText(const char* text) {
+    if (text == nullptr)
+        return nullptr;
+    const size_t length = std::strlen(text);
+    char* copy = new char[length + 1];
+    std::memcpy(copy, text, length + 1);
+    return copy;
 }
 
 // Whether a reply body says that the remote handler failed. The subscript
@@ -449,12 +460,6 @@ void TCServer::m_DObjectHandler(GDBusConnection* connection, const gchar* sender
     }
     TCServer* server = pin.get();
 
-    char* from = nullptr;
-    unsigned int code = 0;
-    char* type = nullptr;
-    char* text = nullptr;
-    unsigned char* buffer = nullptr;
-    unsigned int size = 0;
     const std::string method = methodName != nullptr ? methodName : "";
     const bool withBuffer = method == "SendMessageWithBuffer";
     if (method == "SendMessage") {
@@ -475,29 +480,29 @@ void TCServer::m_DObjectHandler(GDBusConnection* connection, const gchar* sender
         detail::ReturnErrorReply(invocation);
         return;
     }
-    GVariant* payload = detail::ToFrameworkPayload(parameters);
-    TCServerHelper::AnalyseServerMsg(payload, &from, &code, &type, &text,
-                                     withBuffer ? &buffer : nullptr, withBuffer ? &size : nullptr);
-    g_variant_unref(payload);
-    QLOGI("from[%s] [%s]", OrNull(from), OrNull(text));
+    // Read in place: the fields are borrowed from the payload, which lives
+    // for the whole call, and a plain byte array is taken as it is.
+    detail::PayloadView fields;
+    detail::ReadMessagePayload(parameters, &fields);
+    if (!withBuffer) {
+        // SendMessage unpacks no buffer.
+        fields.bytes = nullptr;
+        fields.size = 0;
+    }
+    QLOGI("from[%s] [%s]", OrNull(fields.from), OrNull(fields.text));
 
     // Only the connection that owns an endpoint's bus name speaks for it.
-    if (from != nullptr && !detail::RequestSenderIsHonest(connection, sender, server->m_name, from,
-                                                          server->m_GetDBusName(from))) {
-        delete[] from;
-        delete[] type;
-        delete[] text;
-        delete[] buffer;
+    if (fields.from != nullptr &&
+        !detail::RequestSenderIsHonest(connection, sender, server->m_name, fields.from,
+                                       server->m_GetDBusName(fields.from))) {
         detail::ReturnErrorReply(invocation);
         return;
     }
 
     // Owned by m_HandleMsg from here on, like |from|.
+    char* from = CopyText(fields.from);
     TCMessage* received = new TCMessage();
-    TCServerHelper::SetTCMessage(received, text, code, type, buffer, size);
-    delete[] type;
-    delete[] text;
-    delete[] buffer;
+    detail::FillMessage(received, fields);
 
     // The default IfHandleInEventIO answers false and touches nothing, so
     // calling it is the same as skipping it for a class that keeps it.

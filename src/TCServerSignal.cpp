@@ -431,10 +431,9 @@ void TCServer::m_DSignalHandler(GDBusConnection* connection, const char* senderN
 
     // The payload holds the fields for the whole delivery: the message is
     // filled from them and the sender's name is lent to the callback.
-    GVariant* framework = detail::ToFrameworkPayload(parameters);
     {
         detail::PayloadView fields;
-        detail::AnalyseServerMsg(framework, &fields);
+        detail::ReadMessagePayload(parameters, &fields);
         const char* from = fields.from;
         TCMessage message;
         detail::FillMessage(&message, fields);
@@ -456,7 +455,6 @@ void TCServer::m_DSignalHandler(GDBusConnection* connection, const char* senderN
             });
         }
     }
-    g_variant_unref(framework);
 }
 
 }  // namespace Quelt

@@ -15,6 +15,7 @@
 #include "TCMessage.h"
 #include "TCServerHelper.h"
 
+using harvo_test::LogCapture;
 using Quelt::TCMessage;
 using Quelt::TCServerHelper;
 
@@ -87,13 +88,22 @@ TEST(ForeignPayload, AByteArrayIsUnpackedAsTheBuffer) {
     g_variant_unref(payload);
 }
 
-TEST(ForeignPayload, OtherShapesPassThroughUnchanged) {
-    GVariant* framework = Parsed("('s', @u 1, 't', 'm', [(byte 1,)])");
-    GVariant* same = Quelt::detail::ToFrameworkPayload(framework);
-    EXPECT_EQ(same, framework);
-    g_variant_unref(same);
-    g_variant_unref(framework);
-    EXPECT_EQ(Quelt::detail::ToFrameworkPayload(nullptr), nullptr);
+TEST(ForeignPayload, AByteArrayIsReadInPlaceWithTheLinesOfStructures) {
+    LogCapture capture;
+    GVariant* payload = Parsed("('sender', @u 9, 'kind', 'text', [byte 1, 2])");
+    Quelt::detail::PayloadView view;
+    EXPECT_TRUE(Quelt::detail::ReadMessagePayload(payload, &view));
+    EXPECT_TRUE(view.known);
+    EXPECT_STREQ(view.from, "sender");
+    EXPECT_EQ(view.code, 9u);
+    ASSERT_EQ(view.size, 2u);
+    // The bytes are the payload's own: nothing was copied.
+    GVariant* array = g_variant_get_child_value(payload, 4);
+    EXPECT_EQ(view.bytes, g_variant_get_data(array));
+    g_variant_unref(array);
+    EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "(sussa(y))"));
+    EXPECT_TRUE(capture.HasFramework(DLOG_INFO, "get data of (sussa(y))"));
+    g_variant_unref(payload);
 }
 
 TEST(ForeignPayload, AnalyseServerMsgStillIgnoresAByteArray) {
