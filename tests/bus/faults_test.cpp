@@ -117,44 +117,6 @@ std::string UniqueNameOf(PeerProcess& peer) {
     return line.empty() ? std::string() : line.substr(7);
 }
 
-// How many refusals of |sender| a coalesced warning stands for (its text
-// ends "(N refused from SENDER since its last line)"), or 0.
-size_t RefusalsIn(const std::string& text, const std::string& sender) {
-    const std::string tail = " refused from " + sender + " since its last line)";
-    if (text.size() < tail.size() ||
-        text.compare(text.size() - tail.size(), tail.size(), tail) != 0) {
-        return 0;
-    }
-    const size_t open = text.rfind('(', text.size() - tail.size());
-    if (open == std::string::npos)
-        return 0;
-    const std::string number = text.substr(open + 1, text.size() - tail.size() - open - 1);
-    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos)
-        return 0;
-    return std::stoul(number);
-}
-
-// The coalesced refusal lines of |sender| that start with |text|: their
-// number, and the sum of the refusals they stand for.
-size_t RefusalsReported(const LogCapture& capture, const std::string& text,
-                        const std::string& sender, size_t* lines) {
-    size_t total = 0;
-    *lines = 0;
-    for (const auto& line : capture.Lines()) {
-        harvo_test::FrameworkLine parsed;
-        if (line.prio != DLOG_WARN || !harvo_test::ParseFrameworkText(line.text, &parsed) ||
-            parsed.text.compare(0, text.size(), text) != 0) {
-            continue;
-        }
-        const size_t count = RefusalsIn(parsed.text, sender);
-        if (count > 0) {
-            total += count;
-            ++*lines;
-        }
-    }
-    return total;
-}
-
 const int kPerSender = static_cast<int>(Quelt::detail::kHandOffPerSender);
 const int kMark = static_cast<int>(Quelt::kWorkerHandOffHighWater);
 
