@@ -20,6 +20,7 @@
 #include "EventPayloads.h"
 #include "Guarded.h"
 #include "HandOffBudget.h"
+#include "MessageText.h"
 #include "QueltLog.h"
 #include "RefusalLog.h"
 #include "SendFailures.h"
@@ -329,12 +330,20 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
     const std::string objectPath = TCServerHelper::GetObjectPath(busName);
     const std::string& interfaceName = busName;
 
-    // The copy is non-const so that a tree-only body is serialised; it owns
-    // the bytes the payload borrows until the call below has returned.
-    TCMessage copy(*message);
-    const std::string text = copy.GetMessage();
-    unsigned char* buffer = nullptr;
-    const unsigned int size = copy.GetBuffer(buffer);
+    // What a copy of the message would carry, read without making one (a
+    // 1 MiB buffer copied is a fresh mapping and hundreds of page faults):
+    // the text a copy regenerates from the tree, and the message's own
+    // bytes, which the payload borrows until the call below has serialised
+    // it, inside the call.
+    const std::string text = detail::CopiedText(*message);
+    const unsigned char* buffer = message->m_buffer;
+    const unsigned int size = message->m_size;
+    // A size set without bytes: a copy holds that many zero bytes.
+    std::unique_ptr<unsigned char[]> zeros;
+    if (size != 0 && buffer == nullptr) {
+        zeros.reset(new unsigned char[size]());
+        buffer = zeros.get();
+    }
     const bool withBuffer = buffer != nullptr && size != 0;
 
     // "ay" to an endpoint that announced it, at its unique name; "a(y)" to
@@ -348,7 +357,7 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
     };
     const size_t wireSize =
         detail::MessageWireSize({busName, objectPath, interfaceName, methodFor(route)}, m_name,
-                                copy.m_type, text, withBuffer, size, route.Negotiated());
+                                message->m_type, text, withBuffer, size, route.Negotiated());
     if (!detail::FitsOnBus(wireSize, "message")) {
         QLOGD("send %s!", "fail");
         return false;
@@ -358,7 +367,7 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
     // Our own reference: GDBus takes its own when it accepts the payload,
     // and a call it refuses (a name it finds invalid) must not leak it.
     auto newPayload = [&](const detail::Route& chosen) {
-        return g_variant_ref_sink(NewRequestValue(m_name.c_str(), copy.m_code, copy.m_type.c_str(),
+        return g_variant_ref_sink(NewRequestValue(m_name.c_str(), message->m_code, message->m_type.c_str(),
                                                   text.c_str(), buffer, size, chosen));
     };
     GVariant* payload = newPayload(route);
@@ -423,7 +432,7 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
             // close finds the token detached and is dropped.
             auto* pending = new PendingReply{
                 detail::TokenOf(this), m_PendingCallNotify,
-                detail::SendDescription{dest, method, copy.m_type, copy.m_code}, reply != nullptr};
+                detail::SendDescription{dest, method, message->m_type, message->m_code}, reply != nullptr};
             g_dbus_connection_call(m_connection, route.destination.c_str(), objectPath.c_str(),
                                    interfaceName.c_str(), method, payload, nullptr,
                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, OnPendingReply, pending);

@@ -11,5 +11,7 @@ if(NOT CMAKE_BUILD_TYPE MATCHES "^(Asan|Tsan)$")
             ${CMAKE_CURRENT_BINARY_DIR}/install-consumer
             ${CMAKE_COMMAND}
             ${CMAKE_CXX_COMPILER})
-    set_tests_properties(install_consumer PROPERTIES LABELS unit TIMEOUT 300)
+    # cmake --install of the same build tree as readme_quickstart: one at a time.
+    set_tests_properties(install_consumer PROPERTIES LABELS unit TIMEOUT 300
+        RESOURCE_LOCK build_tree_install)
 endif()

@@ -11,5 +11,7 @@ if(NOT CMAKE_BUILD_TYPE MATCHES "^(Asan|Tsan)$")
             ${PROJECT_SOURCE_DIR}/scripts
             ${CMAKE_CURRENT_BINARY_DIR}/readme-quickstart
             ${CMAKE_COMMAND})
-    set_tests_properties(readme_quickstart PROPERTIES LABELS unit TIMEOUT 300)
+    # cmake --install of the same build tree as install_consumer: one at a time.
+    set_tests_properties(readme_quickstart PROPERTIES LABELS unit TIMEOUT 300
+        RESOURCE_LOCK build_tree_install)
 endif()
