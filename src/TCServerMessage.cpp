@@ -367,8 +367,9 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
     // Our own reference: GDBus takes its own when it accepts the payload,
     // and a call it refuses (a name it finds invalid) must not leak it.
     auto newPayload = [&](const detail::Route& chosen) {
-        return g_variant_ref_sink(NewRequestValue(m_name.c_str(), message->m_code, message->m_type.c_str(),
-                                                  text.c_str(), buffer, size, chosen));
+        return g_variant_ref_sink(NewRequestValue(m_name.c_str(), message->m_code,
+                                                  message->m_type.c_str(), text.c_str(), buffer,
+                                                  size, chosen));
     };
     GVariant* payload = newPayload(route);
     const char* method = methodFor(route);
@@ -432,7 +433,8 @@ bool TCServer::m_SendOnBus(const char* dest, std::string busName, const TCMessag
             // close finds the token detached and is dropped.
             auto* pending = new PendingReply{
                 detail::TokenOf(this), m_PendingCallNotify,
-                detail::SendDescription{dest, method, message->m_type, message->m_code}, reply != nullptr};
+                detail::SendDescription{dest, method, message->m_type, message->m_code},
+                reply != nullptr};
             g_dbus_connection_call(m_connection, route.destination.c_str(), objectPath.c_str(),
                                    interfaceName.c_str(), method, payload, nullptr,
                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, OnPendingReply, pending);
