@@ -2,7 +2,7 @@
 // The old-format peer and the wire tap of the buffer format tests.
 //
 // RawPeer is a peer written against GDBus alone that knows only "a(y)"
-// buffers, as the message format was first specified: it exports the
+// buffers, as the message format first had them: it exports the
 // interface without the "ay" announcement and answers like a build of the
 // framework from before it; as a client it sends whatever payload a test
 // gives it. It has its own bus connection (its own unique name), served on

@@ -5,7 +5,7 @@
 // connection, an unknown source endpoint, and a synchronous send that
 // failed because the service is missing, did not answer in time, died
 // during the call, answered with a bus error or whose handler failed. The
-// specified line stays as it is; the added one comes right after it.
+// framework's own line stays as it is; the added one comes right after it.
 // Also: bus names made from names whose elements start with a digit.
 
 #include "BusTestSupport.h"

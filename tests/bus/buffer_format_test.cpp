@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The format byte buffers travel in, across real processes: "ay" between
-// endpoints that announce it, "a(y)" (as first specified) with every other
+// endpoints that announce it, "a(y)" (the format every peer reads) with every other
 // peer: an old-format peer written against GDBus alone (RawPeer), stock
 // tools, and signals.
 

@@ -12,8 +12,8 @@
  *    dlog_host_set_min_priority or dlog_host_set_filter, or from outside the
  *    program with the environment variable HARVO_LOG (read once, at the
  *    first line), as a device's log filter is configured outside the
- *    program. Its syntax, also that of dlog_host_set_filter: filter specs
- *    separated by commas or blanks; a spec is either a priority letter
+ *    program. Its syntax, also that of dlog_host_set_filter: rules
+ *    separated by commas or blanks; a rule is either a priority letter
  *    (the minimum for every tag) or TAG:LETTER (the minimum for one tag).
  *    The letters are dlogutil's: V(erbose), D(ebug), I(nfo), W(arning),
  *    E(rror), F(atal) and S(ilent: nothing), in either case; "*:W" is the
@@ -58,11 +58,11 @@ void dlog_host_set_stderr(int enabled);
 void dlog_host_set_min_priority(int prio);
 
 /** Replaces the whole filter (the minimum for every tag and the per-tag
- * ones) with \p spec, in HARVO_LOG's syntax (see the file's description);
+ * ones) with \p rules, in HARVO_LOG's syntax (see the file's description);
  * null or "" copies everything again.
- * \return 0, or -EINVAL when \p spec does not parse (the filter is then
+ * \return 0, or -EINVAL when \p rules does not parse (the filter is then
  * left as it was). */
-int dlog_host_set_filter(const char* spec);
+int dlog_host_set_filter(const char* rules);
 
 /** Colour escapes on standard error: chosen by whether it is a terminal. */
 #define DLOG_HOST_COLOUR_AUTO (-1)

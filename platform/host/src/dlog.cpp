@@ -64,11 +64,11 @@ int PriorityOfLetter(char letter) {
     }
 }
 
-// Parses "W", "HarvoFW:I,WPERF:S", "*:E" (specs separated by commas or
-// blanks). False, with |why| set, when a spec does not parse.
-bool ParseFilter(const char* spec, Filter* filter, std::string* why) {
+// Parses "W", "HarvoFW:I,WPERF:S", "*:E" (rules separated by commas or
+// blanks). False, with |why| set, when a rule does not parse.
+bool ParseFilter(const char* rules, Filter* filter, std::string* why) {
     Filter parsed;
-    const std::string text = spec != nullptr ? spec : "";
+    const std::string text = rules != nullptr ? rules : "";
     size_t at = 0;
     while (at < text.size()) {
         const size_t end = text.find_first_of(", \t", at);
@@ -97,10 +97,10 @@ struct LogState {
     LogState() {
         // A device's log filter is set outside the program; here, by the
         // environment of the process, once.
-        const char* spec = std::getenv("HARVO_LOG");
+        const char* rules = std::getenv("HARVO_LOG");
         std::string why;
-        if (spec != nullptr && !ParseFilter(spec, &filter, &why)) {
-            const std::string line = "harvo-host-platform: HARVO_LOG=\"" + std::string(spec) +
+        if (rules != nullptr && !ParseFilter(rules, &filter, &why)) {
+            const std::string line = "harvo-host-platform: HARVO_LOG=\"" + std::string(rules) +
                                      "\" ignored: " + why + "\n";
             ssize_t ignored = write(STDERR_FILENO, line.data(), line.size());
             (void)ignored;
@@ -342,10 +342,10 @@ extern "C" void dlog_host_set_min_priority(int prio) {
     state.filter.minimum = prio;
 }
 
-extern "C" int dlog_host_set_filter(const char* spec) {
+extern "C" int dlog_host_set_filter(const char* rules) {
     Filter filter;
     std::string why;
-    if (!ParseFilter(spec, &filter, &why))
+    if (!ParseFilter(rules, &filter, &why))
         return -EINVAL;
     LogState& state = State();
     std::lock_guard<std::mutex> guard(state.lock);

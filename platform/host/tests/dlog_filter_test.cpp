@@ -177,9 +177,9 @@ struct ProbeRun {
     int status = -1;
 };
 
-// Runs the probe with HARVO_LOG set to |spec| (unset when null); its
+// Runs the probe with HARVO_LOG set to |rules| (unset when null); its
 // standard error goes to a pipe, or to a terminal when |terminal|.
-ProbeRun RunProbe(const char* spec, bool terminal) {
+ProbeRun RunProbe(const char* rules, bool terminal) {
     ProbeRun run;
     int readEnd = -1, writeEnd = -1;
     if (terminal) {
@@ -199,8 +199,8 @@ ProbeRun RunProbe(const char* spec, bool terminal) {
     const pid_t child = fork();
     if (child == 0) {
         dup2(writeEnd, STDERR_FILENO);
-        if (spec != nullptr)
-            setenv("HARVO_LOG", spec, 1);
+        if (rules != nullptr)
+            setenv("HARVO_LOG", rules, 1);
         else
             unsetenv("HARVO_LOG");
         execl(DLOG_PROBE_PATH, DLOG_PROBE_PATH, static_cast<char*>(nullptr));
