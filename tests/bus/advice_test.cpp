@@ -19,8 +19,10 @@ using Quelt::SERVER_TYPE_PROXY;
 
 const char kNotOpen[] = "dbus connection is not open";
 
-// The framework line right after the first one with |text| (exactly), or
-// after the first one that starts with |text| when |prefix| is set.
+// The framework line that follows the first one with |text| (exactly), or
+// the first one that starts with |text| when |prefix| is set, among the
+// lines of the same function: another thread of the library (the buffer
+// format's question, say) may log in between.
 struct Next {
     std::string text;
     int prio = -1;
@@ -35,10 +37,12 @@ Next LineAfter(const LogCapture& capture, const std::string& text, bool prefix =
             prefix ? parsed.text.compare(0, text.size(), text) == 0 : parsed.text == text;
         if (!match)
             continue;
-        harvo_test::FrameworkLine next;
-        if (!harvo_test::ParseFrameworkText(lines[i + 1].text, &next))
-            return {};
-        return {next.text, lines[i + 1].prio};
+        for (size_t j = i + 1; j < lines.size(); ++j) {
+            harvo_test::FrameworkLine next;
+            if (harvo_test::ParseFrameworkText(lines[j].text, &next) && next.func == parsed.func)
+                return {next.text, lines[j].prio};
+        }
+        return {};
     }
     return {};
 }
