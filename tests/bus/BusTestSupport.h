@@ -223,6 +223,35 @@ inline size_t RefusalsReported(const harvo_test::LogCapture& capture, const std:
     return total;
 }
 
+// The framework line that follows the first one with |text| (exactly), or
+// the first one that starts with |text| when |prefix| is set, among the
+// lines of the same source file: another thread of the library (the buffer
+// format's question, say) may log in between.
+struct NextLine {
+    std::string text;
+    int prio = -1;
+};
+inline NextLine LineAfter(const harvo_test::LogCapture& capture, const std::string& text,
+                          bool prefix = false) {
+    const auto lines = capture.Lines();
+    for (size_t i = 0; i + 1 < lines.size(); ++i) {
+        harvo_test::FrameworkLine parsed;
+        if (!harvo_test::ParseFrameworkText(lines[i].text, &parsed))
+            continue;
+        const bool match =
+            prefix ? parsed.text.compare(0, text.size(), text) == 0 : parsed.text == text;
+        if (!match)
+            continue;
+        for (size_t j = i + 1; j < lines.size(); ++j) {
+            harvo_test::FrameworkLine next;
+            if (harvo_test::ParseFrameworkText(lines[j].text, &next) && next.file == parsed.file)
+                return {next.text, lines[j].prio};
+        }
+        return {};
+    }
+    return {};
+}
+
 inline TCMessage MakeMessage(const std::string& type, unsigned int code, const std::string& text,
                              const std::vector<unsigned char>& buffer = {}) {
     TCMessage message;

@@ -19,34 +19,6 @@ using Quelt::SERVER_TYPE_PROXY;
 
 const char kNotOpen[] = "dbus connection is not open";
 
-// The framework line that follows the first one with |text| (exactly), or
-// the first one that starts with |text| when |prefix| is set, among the
-// lines of the same function: another thread of the library (the buffer
-// format's question, say) may log in between.
-struct Next {
-    std::string text;
-    int prio = -1;
-};
-Next LineAfter(const LogCapture& capture, const std::string& text, bool prefix = false) {
-    const auto lines = capture.Lines();
-    for (size_t i = 0; i + 1 < lines.size(); ++i) {
-        harvo_test::FrameworkLine parsed;
-        if (!harvo_test::ParseFrameworkText(lines[i].text, &parsed))
-            continue;
-        const bool match =
-            prefix ? parsed.text.compare(0, text.size(), text) == 0 : parsed.text == text;
-        if (!match)
-            continue;
-        for (size_t j = i + 1; j < lines.size(); ++j) {
-            harvo_test::FrameworkLine next;
-            if (harvo_test::ParseFrameworkText(lines[j].text, &next) && next.func == parsed.func)
-                return {next.text, lines[j].prio};
-        }
-        return {};
-    }
-    return {};
-}
-
 std::string NeverCreated(const std::string& name) {
     return "endpoint " + name +
            " has no bus connection: create it first (CreateDBusServer for an application, "
@@ -64,7 +36,7 @@ TEST(Advice, SendFromAnEndpointNeverCreatedSaysWhichCallToMakeFirst) {
         TCMessage reply;
         EXPECT_FALSE(app.SendMessage("elsewhere", &message, sync, &reply, -1));
         EXPECT_EQ(1u, capture.CountFramework(DLOG_ERROR, kNotOpen));
-        const Next next = LineAfter(capture, kNotOpen);
+        const NextLine next = LineAfter(capture, kNotOpen);
         EXPECT_EQ(NeverCreated("never_made"), next.text) << capture.Dump();
         EXPECT_EQ(DLOG_ERROR, next.prio);
     }
@@ -101,7 +73,7 @@ TEST(Advice, UnsubscribingWithoutASenderSaysWhy) {
     CloseAtExit closer(proxy);
     LogCapture capture;
     EXPECT_FALSE(proxy.UnSubscribeSignal(nullptr, "tick"));
-    const Next next = LineAfter(capture, kNotOpen);
+    const NextLine next = LineAfter(capture, kNotOpen);
     EXPECT_EQ(
         "a subscription made without a sender cannot be cancelled singly: closing the endpoint "
         "ends it",
@@ -126,7 +98,7 @@ void SendOnAClosedConnection() {
     TCMessage reply;
     if (proxy.SendMessage("elsewhere", &message, true, &reply, -1))
         std::exit(11);
-    const Next next = LineAfter(capture, kNotOpen);
+    const NextLine next = LineAfter(capture, kNotOpen);
     const bool said = next.prio == DLOG_ERROR &&
                       next.text ==
                           "the bus connection of closed_proxy is closed (the bus stopped or "
@@ -147,7 +119,7 @@ TEST(Advice, AnUnknownSourceEndpointSaysToCreateItFirst) {
     LogCapture capture;
     TCMessage message = MakeMessage("t", 1, "{}");
     EXPECT_FALSE(TCServer::SendMessage("no_such_source", "elsewhere", &message, false, nullptr));
-    const Next next =
+    const NextLine next =
         LineAfter(capture, "Couldn't find no_such_source dbus server, subscribe fail");
     EXPECT_EQ(
         "no_such_source is not an endpoint of this process: create it first (CreateDBusServer, "
@@ -177,7 +149,7 @@ TEST_F(SyncAdvice, AMissingServiceIsNamed) {
     TCMessage message = MakeMessage("t", 1, "{}");
     TCMessage reply;
     EXPECT_FALSE(sender.SendMessage("nobody_here", &message, true, &reply, -1));
-    const Next next = LineAfter(capture, kSyncFail, true);
+    const NextLine next = LineAfter(capture, kSyncFail, true);
     EXPECT_EQ(
         "no endpoint nobody_here on the bus (nobody_here.message has no owner): start its "
         "service first, or check the name (IsServiceAvailable tells whether it runs)",
@@ -194,7 +166,7 @@ TEST_F(SyncAdvice, ATimeoutIsNamedWithItsLimit) {
     TCMessage reply;
     EXPECT_FALSE(sender.SendMessage("slowpeer", &message, true, &reply, 300));
     peer.WriteLine("go");
-    const Next next = LineAfter(capture, kSyncFail, true);
+    const NextLine next = LineAfter(capture, kSyncFail, true);
     EXPECT_EQ(
         "slowpeer did not answer within 300 ms: its handler is slow or blocked; pass a longer "
         "timeout, or send asynchronously",
@@ -210,7 +182,7 @@ TEST_F(SyncAdvice, APeerThatDiesDuringTheCallIsNamed) {
     TCMessage message = MakeMessage("exit", 1, "{}");
     TCMessage reply;
     EXPECT_FALSE(sender.SendMessage("dyingpeer", &message, true, &reply, -1));
-    const Next next = LineAfter(capture, kSyncFail, true);
+    const NextLine next = LineAfter(capture, kSyncFail, true);
     EXPECT_EQ(
         "dyingpeer did not answer: it left the bus during the call (it ended or crashed), or "
         "the bus stopped waiting for it",
@@ -226,7 +198,7 @@ TEST_F(SyncAdvice, AHandlersFailureIsNamed) {
     TCMessage message = MakeMessage("fail", 1, "{}");
     TCMessage reply;
     EXPECT_FALSE(sender.SendMessage("failingpeer", &message, true, &reply, -1));
-    const Next next = LineAfter(capture, "send sync message fail: ", true);
+    const NextLine next = LineAfter(capture, "send sync message fail: ", true);
     EXPECT_EQ(
         "the handler of failingpeer failed or refused the message (its reply says "
         "\"dbus_result\":\"fail\"): see that endpoint's log",
@@ -243,7 +215,7 @@ TEST_F(SyncAdvice, AnErrorAnsweredByThePeerIsNamed) {
     TCMessage message = MakeMessage("t", 1, "{}");
     TCMessage reply;
     EXPECT_FALSE(sender.SendMessage("barepeer", &message, true, &reply, -1));
-    const Next next = LineAfter(capture, kSyncFail, true);
+    const NextLine next = LineAfter(capture, kSyncFail, true);
     EXPECT_EQ(
         "the call to barepeer failed on the bus: org.harvo.Test.Error.Refused: refused by the "
         "bare peer",
@@ -266,7 +238,7 @@ TEST_F(SyncAdvice, AnOwnerThatIsNoEndpointIsNamed) {
     TCMessage message = MakeMessage("t", 1, "{}");
     TCMessage reply;
     EXPECT_FALSE(sender.SendMessage("hollow", &message, true, &reply, -1));
-    const Next next = LineAfter(capture, kSyncFail, true);
+    const NextLine next = LineAfter(capture, kSyncFail, true);
     EXPECT_EQ(
         "the owner of hollow.message is not a harvo-fw endpoint named hollow: it offers no "
         "SendMessage",

@@ -66,21 +66,13 @@ public:
     bool created = false;
 };
 
-// The framework line that follows the first line with |text|, or "".
+// The framework line that follows the first line with |text| among the
+// lines of its source file, or "".
 std::string LineAfter(const LogCapture& capture, const std::string& text, int* prio = nullptr) {
-    const auto lines = capture.Lines();
-    for (size_t i = 0; i + 1 < lines.size(); ++i) {
-        harvo_test::FrameworkLine parsed;
-        if (!harvo_test::ParseFrameworkText(lines[i].text, &parsed) || parsed.text != text)
-            continue;
-        harvo_test::FrameworkLine next;
-        if (!harvo_test::ParseFrameworkText(lines[i + 1].text, &next))
-            return "";
-        if (prio != nullptr)
-            *prio = lines[i + 1].prio;
-        return next.text;
-    }
-    return "";
+    const NextLine next = harvo_bus_test::LineAfter(capture, text);
+    if (prio != nullptr)
+        *prio = next.prio;
+    return next.text;
 }
 
 bool StartsWith(const std::string& text, const std::string& prefix) {
