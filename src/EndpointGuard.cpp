@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "QueltLog.h"
+#include "TCLock.h"
 
 namespace Quelt {
 namespace detail {
@@ -49,6 +50,13 @@ std::map<const TCServer*, EndpointToken>& OpenEndpoints() {
 std::map<const TCServer*, EndpointToken>& ClosingEndpoints() {
     static auto* closing = new std::map<const TCServer*, EndpointToken>();
     return *closing;
+}
+
+// Endpoints whose create is in progress, with the number of creates (a
+// create may run inside a handler called during another one).
+std::map<const TCServer*, int>& CreatingEndpoints() {
+    static auto* creating = new std::map<const TCServer*, int>();
+    return *creating;
 }
 
 // The pins this thread holds, one entry per pin, so that a close on this
@@ -243,6 +251,29 @@ SendInFlight::~SendInFlight() {
 bool IsBeingClosed(const TCServer* server) {
     std::lock_guard<std::mutex> guard(RegistryMutex());
     return static_cast<bool>(FindLocked(ClosingEndpoints(), server));
+}
+
+CreateInProgress::CreateInProgress(const TCServer* server) : m_server(server) {
+    std::lock_guard<std::mutex> guard(RegistryMutex());
+    ++CreatingEndpoints()[m_server];
+}
+
+CreateInProgress::~CreateInProgress() {
+    std::lock_guard<std::mutex> guard(RegistryMutex());
+    auto found = CreatingEndpoints().find(m_server);
+    if (found != CreatingEndpoints().end() && --found->second == 0)
+        CreatingEndpoints().erase(found);
+}
+
+bool TakeCloseLockForSend(const TCServer* server, TCMutex& lock) {
+    // The limit is counted in microseconds.
+    constexpr unsigned long kTryUs = 1000;
+    while (!lock.Try(kTryUs)) {
+        std::lock_guard<std::mutex> guard(RegistryMutex());
+        if (CreatingEndpoints().count(server) != 0 || FindLocked(ClosingEndpoints(), server))
+            return false;
+    }
+    return true;
 }
 
 bool BeginClose(const TCServer* server) {

@@ -43,6 +43,7 @@
 
 namespace Quelt {
 
+class TCMutex;
 class TCServer;
 
 namespace detail {
@@ -165,6 +166,29 @@ void WaitWhileBeingClosed(const TCServer* server);
 /* For a server that goes away without its close: BeginClose,
  * WaitForOtherThreads and EndClose in one. */
 void ForgetEndpoint(const TCServer* server);
+
+/* Creating. CreateDBusServer holds the server's close lock throughout (a
+ * bus round trip or more): marked for its scope, so that a sender that
+ * finds the lock held can tell a create from a moment's hold. */
+class CreateInProgress {
+public:
+    explicit CreateInProgress(const TCServer* server);
+    ~CreateInProgress();
+    CreateInProgress(const CreateInProgress&) = delete;
+    CreateInProgress& operator=(const CreateInProgress&) = delete;
+
+private:
+    const TCServer* m_server;
+};
+
+/* Takes |lock|, the close lock of |server|, for a send or an emission. Only
+ * a create or a close holds it for long, and a sender never waits for
+ * them: false once a try of 1 ms fails while one of them is in progress.
+ * Anyone else (another sender, a subscription) holds it for a moment, and
+ * is waited for however long the system keeps that thread off the
+ * processor: under load that can be longer than 1 ms, and a send refused
+ * then would be a message lost from a server that is not closing. */
+bool TakeCloseLockForSend(const TCServer* server, TCMutex& lock);
 
 /* How long a close (and an event queue's Final) waits for other threads:
  * 30 s, longer than the bus's default call timeout (25 s) and the

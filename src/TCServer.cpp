@@ -135,6 +135,7 @@ void TCServer::CloseDBusProxy() {
 
 bool TCServer::CreateDBusServer() {
     ScopedLock lock(m_closeLock);
+    const detail::CreateInProgress creating(this);
     QLOGI("m_CreateDBus type: %d", m_type);
     // A close of this endpoint on another thread ends first (it does not
     // hold the lock while it waits for other threads, and does not wait for

@@ -238,9 +238,9 @@ bool TCServer::SendMessage(const char* dest, const TCMessage* message, bool sync
         QLOGE("No dest information");
         return false;
     }
-    // Only a create or a close holds the lock for long: a sender that cannot
-    // have it within 1 ms is looking at a closing server.
-    if (!m_closeLock.Try(1000)) {
+    // Only a create or a close holds the lock for long, and a sender does
+    // not wait for them; a moment's holder is waited for.
+    if (!detail::TakeCloseLockForSend(this, m_closeLock)) {
         QLOGE("Server is going to be closed!");
         return false;
     }

@@ -61,8 +61,9 @@ bool TCServer::SendSignal(const char* signalName, const TCMessage* message) {
         QLOGW("%s is null", "signalName");
         return false;
     }
-    // A closing server holds its lock for long; an emitter must not wait.
-    if (!m_closeLock.Try(1000)) {
+    // Only a create or a close holds the lock for long, and a sender does
+    // not wait for them; a moment's holder is waited for.
+    if (!detail::TakeCloseLockForSend(this, m_closeLock)) {
         QLOGE("Server is going to be closed!");
         return false;
     }

@@ -95,8 +95,9 @@ using std::chrono::milliseconds;
 // Generous: a loaded machine (sanitizers, two cores) is slow.
 const milliseconds kLimit(20000);
 
-// Holds |server|'s close lock on another thread, as a closing server does,
-// from construction until Release (or destruction).
+// Holds |server|'s close lock on another thread from construction until
+// Release (or destruction), the way another sender or a subscription holds
+// it for a moment: senders wait for it however long it takes.
 class HeldCloseLock {
 public:
     explicit HeldCloseLock(TCServer& server) {
