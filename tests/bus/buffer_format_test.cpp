@@ -123,7 +123,7 @@ TEST(Announcement, IntrospectionShowsTheAnnotationAndNothingElseChanges) {
 // ---------------------------------------------------------------------------
 // An old-format peer calls a new endpoint
 
-TEST(OldPeer, ItsRequestsGetTheRepliesAsSpecified) {
+TEST(OldPeer, ItsRequestsGetRepliesInTheFormatItReads) {
     PeerProcess peer({"serve", "fresh"});
     ASSERT_TRUE(StartServingPeer(peer));
     RawPeer old;
@@ -182,7 +182,7 @@ TEST(OldPeer, ItsRequestsGetTheRepliesAsSpecified) {
 // ---------------------------------------------------------------------------
 // A new endpoint calls an old-format peer
 
-TEST(OldPeer, ANewEndpointSendsItTheSpecifiedFormat) {
+TEST(OldPeer, ANewEndpointSendsItTheStructuresItReads) {
     RawPeer old;
     ASSERT_TRUE(old.Serve("vintage"));
     PeerProcess peer({"serve", "modern"});
