@@ -463,13 +463,41 @@ TEST(DeletedWithoutClose, ATaskThatEndedItselfIsJoinedByItsDestructor) {
     task.reset();  // no Destroy: joins the thread, which ends by itself
 }
 
+// Deleting a running task is the misuse the assertion reports, and the
+// destructors' writes race with the thread's calls of the task's virtual
+// functions by nature. Under ThreadSanitizer (which stops the process at
+// its first report) the race detector is told not to record the deleting
+// thread's writes, so that the assertion is what ends the process, as it
+// is in every other build.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define HARVO_MATRIX_TSAN 1
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define HARVO_MATRIX_TSAN 1
+#endif
+#if defined(HARVO_MATRIX_TSAN)
+extern "C" void AnnotateIgnoreWritesBegin(const char* file, int line);
+extern "C" void AnnotateIgnoreWritesEnd(const char* file, int line);
+void DeleteRunningTask(TCTask* task) {
+    AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
+    delete task;
+    AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
+}
+#else
+void DeleteRunningTask(TCTask* task) {
+    delete task;
+}
+#endif
+
 TEST(DeletedWithoutCloseDeathTest, ATaskDeletedWhileItsThreadRunsEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
             auto* task = new QuietTask("running");
             task->Create("running", false, 0);
-            delete task;
+            DeleteRunningTask(task);
         },
         "task running destroyed while its thread runs: call Destroy first");
 }
