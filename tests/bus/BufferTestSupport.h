@@ -252,11 +252,15 @@ private:
         if (echo.empty())
             echo.push_back(0);
         const std::string replyType = std::string("re:") + type;
-        g_dbus_method_invocation_return_value(
-            invocation,
-            StructuresPayload(self->endpoint_.c_str(), code + 1, replyType.c_str(), text, echo));
-        std::lock_guard<std::mutex> guard(self->mutex_);
-        self->calls_.push_back(std::move(call));
+        GVariant* reply =
+            StructuresPayload(self->endpoint_.c_str(), code + 1, replyType.c_str(), text, echo);
+        // Recorded before the reply leaves: a caller that has its reply
+        // finds its call among Calls().
+        {
+            std::lock_guard<std::mutex> guard(self->mutex_);
+            self->calls_.push_back(std::move(call));
+        }
+        g_dbus_method_invocation_return_value(invocation, reply);
     }
 
     // Runs on GDBus's worker thread; owns |message|.
