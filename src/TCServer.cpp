@@ -7,6 +7,7 @@
 #include "TCServer.h"
 
 #include <cstdio>
+#include <mutex>
 #include <vector>
 
 #include "BusInterface.h"
@@ -22,6 +23,43 @@ namespace Quelt {
 std::map<std::string, TCServer*> TCServer::m_CreatedDbusServers;
 
 namespace {
+
+// The process keeps its bus connection while it is open. GDBus drops what
+// is still waiting to be written when a connection's last reference goes,
+// and that reference can be a reply's: the error reply to a request that
+// was still queued for a worker when its endpoint closed, or a handler's
+// reply written just before the close released the endpoint's reference.
+// A connection the bus has closed is let go before the next one is asked
+// for: GLib hands out the same connection for as long as it lives.
+class KeptConnection {
+public:
+    static void LetGoIfClosed() {
+        std::lock_guard<std::mutex> guard(Lock());
+        if (Kept() != nullptr && g_dbus_connection_is_closed(Kept())) {
+            g_object_unref(Kept());
+            Kept() = nullptr;
+        }
+    }
+    static void Keep(GDBusConnection* connection) {
+        std::lock_guard<std::mutex> guard(Lock());
+        if (Kept() == connection)
+            return;
+        GDBusConnection* previous = Kept();
+        Kept() = static_cast<GDBusConnection*>(g_object_ref(connection));
+        if (previous != nullptr)
+            g_object_unref(previous);
+    }
+
+private:
+    static std::mutex& Lock() {
+        static auto* lock = new std::mutex();
+        return *lock;
+    }
+    static GDBusConnection*& Kept() {
+        static GDBusConnection* kept = nullptr;
+        return kept;
+    }
+};
 
 // Allow-replacement and replace: a restarted service takes its name back
 // from a stale owner.
@@ -191,6 +229,7 @@ bool TCServer::CreateDBusServer() {
 }
 
 bool TCServer::m_Connect() {
+    KeptConnection::LetGoIfClosed();
     GError* error = nullptr;
     GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
     if (connection == nullptr) {
@@ -206,6 +245,7 @@ bool TCServer::m_Connect() {
     if (m_connection != nullptr)
         g_object_unref(m_connection);
     m_connection = connection;
+    KeptConnection::Keep(connection);
     // The process must survive the bus going away.
     g_dbus_connection_set_exit_on_close(m_connection, FALSE);
     QLOGI("Get dbus connection success : %p", static_cast<void*>(m_connection));
