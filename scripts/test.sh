@@ -127,6 +127,12 @@ run_ctest() {
         TOTAL_PASSED=$((TOTAL_PASSED + total - failed))
         TOTAL_FAILED=$((TOTAL_FAILED + failed))
         SUMMARY+=("$(printf '%-6s %s' "$stage:" "$line")")
+        # The names too: a reader of the summary alone (CI's tail) sees
+        # which tests failed without the whole log.
+        local name
+        while IFS= read -r name; do
+            [[ -n "$name" ]] && SUMMARY+=("$(printf '%-6s %s' "" "failed: $name")")
+        done < <(failed_test_names "$log")
     elif grep -q 'No tests were found' "$log"; then
         SUMMARY+=("$(printf '%-6s %s' "$stage:" "no tests selected")")
     else
@@ -138,6 +144,13 @@ run_ctest() {
         return 1
     fi
     return 0
+}
+
+# failed_test_names LOG: the tests ctest listed as failed in LOG, one per
+# line, at most ten.
+failed_test_names() {
+    sed -n '/^The following tests FAILED:/,/^Errors while running CTest/p' "$1" |
+        sed -nE 's/^[[:space:]]+[0-9]+ - (.*)$/\1/p' | head -n 10
 }
 
 # CMake target / CTest prefix of a test source: its directory below tests/
@@ -338,6 +351,9 @@ if [[ $sanitizers -eq 1 && $arm -eq 1 ]]; then
         TOTAL_PASSED=$((TOTAL_PASSED + total - failed))
         TOTAL_FAILED=$((TOTAL_FAILED + failed))
         SUMMARY+=("$(printf '%-6s %s' "arm:" "$line")")
+        while IFS= read -r name; do
+            [[ -n "$name" ]] && SUMMARY+=("$(printf '%-6s %s' "" "failed: $name")")
+        done < <(failed_test_names "$arm_log")
     else
         SUMMARY+=("$(printf '%-6s %s' "arm:" "did not reach its tests (exit $arm_rc, log $arm_log)")")
     fi
