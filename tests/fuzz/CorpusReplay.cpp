@@ -4,7 +4,7 @@
 // starting inputs, and a broken invariant aborts as it does in a fuzzing
 // run (FuzzSupport.h).
 //
-// Usage: <harness>_seeds DIRECTORY
+// Usage: <harness>_corpus DIRECTORY
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -23,31 +23,31 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: %s DIRECTORY\n", argv[0]);
         return 2;
     }
-    std::vector<std::filesystem::path> seeds;
+    std::vector<std::filesystem::path> inputs;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(argv[1], error)) {
         if (entry.is_regular_file())
-            seeds.push_back(entry.path());
+            inputs.push_back(entry.path());
     }
-    if (error || seeds.empty()) {
+    if (error || inputs.empty()) {
         std::fprintf(stderr, "%s: no starting inputs in %s%s%s\n", argv[0], argv[1],
                      error ? ": " : "", error ? error.message().c_str() : "");
         return 1;
     }
-    std::sort(seeds.begin(), seeds.end());
+    std::sort(inputs.begin(), inputs.end());
     LLVMFuzzerInitialize(&argc, &argv);
-    for (const auto& seed : seeds) {
-        std::ifstream file(seed, std::ios::binary);
+    for (const auto& input : inputs) {
+        std::ifstream file(input, std::ios::binary);
         const std::string bytes((std::istreambuf_iterator<char>(file)),
                                 std::istreambuf_iterator<char>());
         if (!file.good() && !file.eof()) {
-            std::fprintf(stderr, "%s: cannot read %s\n", argv[0], seed.c_str());
+            std::fprintf(stderr, "%s: cannot read %s\n", argv[0], input.c_str());
             return 1;
         }
-        std::printf("%s (%zu bytes)\n", seed.filename().c_str(), bytes.size());
+        std::printf("%s (%zu bytes)\n", input.filename().c_str(), bytes.size());
         std::fflush(stdout);
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
     }
-    std::printf("%zu starting inputs replayed\n", seeds.size());
+    std::printf("%zu starting inputs replayed\n", inputs.size());
     return 0;
 }
