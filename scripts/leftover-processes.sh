@@ -155,6 +155,15 @@ if [[ $kill_them -eq 1 ]]; then
     done
     if [[ ${#alive[@]} -gt 0 ]]; then
         kill -KILL "${alive[@]}" 2>/dev/null
+        # Gone before we return (under emulation that can take a moment).
+        for _ in $(seq 1 50); do
+            still=()
+            for pid in "${alive[@]}"; do
+                [[ -d /proc/$pid ]] && [[ $(ps -o stat= -p "$pid" 2>/dev/null) != Z* ]] && still+=("$pid")
+            done
+            [[ ${#still[@]} -eq 0 ]] && break
+            sleep 0.1
+        done
     fi
     echo "leftover processes: ${#found[@]} ended"
 fi

@@ -96,11 +96,12 @@ for pid in "$before" "$unrelated"; do
     alive "$pid" || fail "process $pid was ended"
 done
 for pid in "$copy" "$argument" "$option" "$working"; do
-    for _ in $(seq 1 100); do
+    # Generous: processes under emulation end slowly on a loaded machine.
+    for _ in $(seq 1 200); do
         alive "$pid" || break
         sleep 0.05
     done
-    alive "$pid" && fail "leftover $pid still runs after --kill"
+    alive "$pid" && fail "leftover $pid still runs after --kill: $(ps -o pid=,stat=,args= -p "$pid")"
 done
 
 # Nothing is left now.
